@@ -17,6 +17,9 @@ typedef enum {
     SYSTEM_INFO_KEY_MODEL = 0, /* the model string */
 } system_info_key_e;
 
+/* Every query reads the system information anew; a missing file or key, or a value that is not a
+ * boolean for the bool query, gives SYSTEM_INFO_ERROR_IO_ERROR. */
+
 /* Newly allocated string the caller frees. */
 int system_info_get_value_string(system_info_key_e key, char **value);
 /* Feature keys by their full names, for example "com.corvel/featureconf/product.device_sid". */

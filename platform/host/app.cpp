@@ -1,0 +1,270 @@
+// The service-application loop on the host: a GLib main loop on the default context that turns
+// SIGTERM/SIGINT into the terminate path and Launch calls on the system bus into app-control
+// callbacks.
+#include "nimbos/app.h"
+
+#include "HostLog.h"
+
+#include <gio/gio.h>
+#include <glib-unix.h>
+
+#include <cerrno>
+#include <csignal>
+#include <memory>
+#include <mutex>
+
+namespace {
+
+constexpr const char *kBusName = "org.nimbos.hadrix";
+constexpr const char *kObjectPath = "/org/nimbos/AppControl";
+constexpr const char *kLaunch = "Launch";
+constexpr const char *kLaunchSignature = "sa(ss)";
+constexpr const char *kIntrospection =
+    "<node>"
+    "  <interface name='org.nimbos.AppControl'>"
+    "    <method name='Launch'>"
+    "      <arg name='operation' type='s' direction='in'/>"
+    "      <arg name='extra_data' type='a(ss)' direction='in'/>"
+    "    </method>"
+    "  </interface>"
+    "</node>";
+
+struct Service {
+    service_app_lifecycle_callback_s *callbacks;
+    void *userData;
+};
+
+// The loop that service_app_exit ends, and an exit request made while none was running yet.
+std::mutex loopMutex;
+GMainLoop *runningLoop;
+bool exitRequested;
+
+void RequestExit()
+{
+    std::lock_guard<std::mutex> lock(loopMutex);
+    exitRequested = true;
+    if (runningLoop)
+        g_main_loop_quit(runningLoop);
+}
+
+// Publishes the loop for service_app_exit while it exists; a request that is still pending when
+// the loop ends is used up with it.
+class RunningLoop {
+public:
+    explicit RunningLoop(GMainLoop *loop)
+    {
+        std::lock_guard<std::mutex> lock(loopMutex);
+        runningLoop = loop;
+    }
+    ~RunningLoop()
+    {
+        std::lock_guard<std::mutex> lock(loopMutex);
+        runningLoop = nullptr;
+        exitRequested = false;
+    }
+    RunningLoop(const RunningLoop &) = delete;
+    RunningLoop &operator=(const RunningLoop &) = delete;
+};
+
+// g_main_loop_quit before g_main_loop_run is forgotten, so a request made before the loop ran is
+// honoured from inside the loop as its first dispatch.
+gboolean QuitIfRequested(gpointer)
+{
+    std::lock_guard<std::mutex> lock(loopMutex);
+    if (exitRequested && runningLoop)
+        g_main_loop_quit(runningLoop);
+    return G_SOURCE_REMOVE;
+}
+
+gboolean OnTerminateSignal(gpointer signalName)
+{
+    HOST_LOG(DLOG_INFO, "%s received: terminating", static_cast<const char *>(signalName));
+    RequestExit();
+    return G_SOURCE_CONTINUE;
+}
+
+struct SourceDeleter {
+    void operator()(GSource *source) const
+    {
+        g_source_destroy(source);
+        g_source_unref(source);
+    }
+};
+using SourcePtr = std::unique_ptr<GSource, SourceDeleter>;
+
+SourcePtr Attach(GSource *source, GSourceFunc callback, gpointer data, int priority)
+{
+    g_source_set_callback(source, callback, data, nullptr);
+    g_source_set_priority(source, priority);
+    g_source_attach(source, nullptr);
+    return SourcePtr(source);
+}
+
+SourcePtr WatchSignal(int signum, const char *name)
+{
+    return Attach(g_unix_signal_source_new(signum), OnTerminateSignal, const_cast<char *>(name),
+                  G_PRIORITY_DEFAULT);
+}
+
+struct HandleDeleter {
+    void operator()(app_control_h handle) const { app_control_destroy(handle); }
+};
+using HandlePtr = std::unique_ptr<app_control_s, HandleDeleter>;
+
+// The request of a Launch call, or null with a refusal set in *error.
+HandlePtr RequestFrom(GVariant *parameters, GError **error)
+{
+    const char *operation = nullptr;
+    g_autoptr(GVariantIter) extra = nullptr;
+    g_variant_get(parameters, "(&sa(ss))", &operation, &extra);
+
+    app_control_h raw = nullptr;
+    if (app_control_create(&raw) != APP_CONTROL_ERROR_NONE) {
+        g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_MEMORY, "out of memory");
+        return nullptr;
+    }
+    HandlePtr request(raw);
+    if (app_control_set_operation(request.get(), operation) != APP_CONTROL_ERROR_NONE) {
+        g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_MEMORY, "out of memory");
+        return nullptr;
+    }
+    const char *key = nullptr;
+    const char *value = nullptr;
+    while (g_variant_iter_next(extra, "(&s&s)", &key, &value)) {
+        int ret = app_control_add_extra_data(request.get(), key, value);
+        if (ret == APP_CONTROL_ERROR_INVALID_PARAMETER) {
+            g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "extra data key is empty");
+            return nullptr;
+        }
+        if (ret != APP_CONTROL_ERROR_NONE) {
+            g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_MEMORY, "out of memory");
+            return nullptr;
+        }
+    }
+    return request;
+}
+
+// GDBus only gets here for Launch with arguments of the introspected type: it answers anything
+// else with UnknownMethod or InvalidArgs itself.
+void OnMethodCall(GDBusConnection *, const gchar *sender, const gchar *, const gchar *, const gchar *,
+                  GVariant *parameters, GDBusMethodInvocation *invocation, gpointer userData)
+{
+    auto *service = static_cast<Service *>(userData);
+    g_autoptr(GError) error = nullptr;
+    HandlePtr request = RequestFrom(parameters, &error);
+    if (!request) {
+        HOST_LOG(DLOG_WARN, "Launch from %s refused: %s", sender, error->message);
+        g_dbus_method_invocation_return_gerror(invocation, error);
+        return;
+    }
+    g_dbus_method_invocation_return_value(invocation, nullptr);
+    if (service->callbacks->app_control)
+        service->callbacks->app_control(request.get(), service->userData);
+}
+
+// Runs on the connection's worker thread and changes nothing: it only puts the refusals GDBus
+// sends on its own (wrong argument types) in the log.
+GDBusMessage *LogRefusedLaunch(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer)
+{
+    if (incoming && g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_METHOD_CALL &&
+        g_strcmp0(g_dbus_message_get_path(message), kObjectPath) == 0 &&
+        g_strcmp0(g_dbus_message_get_member(message), kLaunch) == 0 &&
+        g_strcmp0(g_dbus_message_get_signature(message), kLaunchSignature) != 0)
+        HOST_LOG(DLOG_WARN, "Launch from %s refused: arguments (%s), expected (%s)",
+                 g_dbus_message_get_sender(message), g_dbus_message_get_signature(message), kLaunchSignature);
+    return message;
+}
+
+void OnNameAcquired(GDBusConnection *, const gchar *name, gpointer)
+{
+    HOST_LOG(DLOG_INFO, "bus name %s acquired", name);
+}
+
+void OnNameLost(GDBusConnection *, const gchar *name, gpointer)
+{
+    HOST_LOG(DLOG_WARN, "bus name %s not owned: launch requests will not arrive", name);
+}
+
+// Application control on the system bus for the life of the object; without a bus the service
+// runs on, unreachable for launch requests.
+class AppControlExport {
+public:
+    explicit AppControlExport(Service *service)
+    {
+        g_autoptr(GError) error = nullptr;
+        bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+        if (!bus_) {
+            HOST_LOG(DLOG_WARN, "system bus unavailable, running without application control: %s",
+                     error->message);
+            return;
+        }
+        g_autoptr(GDBusNodeInfo) node = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
+        static const GDBusInterfaceVTable vtable = {OnMethodCall, nullptr, nullptr, {}};
+        registration_ = g_dbus_connection_register_object(bus_, kObjectPath, node->interfaces[0], &vtable,
+                                                          service, nullptr, &error);
+        if (!registration_) {
+            HOST_LOG(DLOG_ERROR, "cannot export %s, running without application control: %s", kObjectPath,
+                     error->message);
+            return;
+        }
+        filter_ = g_dbus_connection_add_filter(bus_, LogRefusedLaunch, nullptr, nullptr);
+        owner_ = g_bus_own_name_on_connection(bus_, kBusName, G_BUS_NAME_OWNER_FLAGS_NONE, OnNameAcquired,
+                                              OnNameLost, nullptr, nullptr);
+    }
+    ~AppControlExport()
+    {
+        if (owner_)
+            g_bus_unown_name(owner_);
+        if (filter_)
+            g_dbus_connection_remove_filter(bus_, filter_);
+        if (registration_)
+            g_dbus_connection_unregister_object(bus_, registration_);
+        g_clear_object(&bus_);
+    }
+    AppControlExport(const AppControlExport &) = delete;
+    AppControlExport &operator=(const AppControlExport &) = delete;
+
+private:
+    GDBusConnection *bus_ = nullptr;
+    guint registration_ = 0;
+    guint filter_ = 0;
+    guint owner_ = 0;
+};
+
+void RunLoop(Service *service)
+{
+    g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
+    AppControlExport appControl(service);
+    RunningLoop published(loop);
+    SourcePtr pendingExit = Attach(g_idle_source_new(), QuitIfRequested, nullptr, G_PRIORITY_HIGH);
+    g_main_loop_run(loop);
+}
+
+} // namespace
+
+extern "C" int service_app_main(int argc, char **argv, service_app_lifecycle_callback_s *callback, void *user_data)
+{
+    if (!callback) {
+        HOST_LOG(DLOG_ERROR, "service loop needs its lifecycle callbacks");
+        return -EINVAL;
+    }
+    // Caught from before create, so a request arriving during it ends the loop as soon as it starts,
+    // and through terminate, so a repeated request cannot cut that short.
+    SourcePtr term = WatchSignal(SIGTERM, "SIGTERM");
+    SourcePtr interrupt = WatchSignal(SIGINT, "SIGINT");
+    Service service{callback, user_data};
+    if (callback->create && !callback->create(user_data)) {
+        HOST_LOG(DLOG_ERROR, "create callback failed: the service loop does not run");
+        return -ECANCELED;
+    }
+    RunLoop(&service);
+    HOST_LOG(DLOG_INFO, "service loop ended");
+    if (callback->terminate)
+        callback->terminate(user_data);
+    return 0;
+}
+
+extern "C" void service_app_exit(void)
+{
+    RequestExit();
+}
