@@ -4,7 +4,7 @@
 #pragma once
 
 #include <atomic>
-#include <cassert>
+#include <cstdlib>
 #include <mutex>
 
 #include "Log.h"
@@ -32,7 +32,9 @@ public:
         instance = m_pInstance.load(std::memory_order_relaxed);
         if (!instance) {
             LOGE("Instance is NULL !!!!!");
-            __assert_fail("m_pInstance != nullptr", __FILE__, __LINE__, __PRETTY_FUNCTION__);
+            // Stays fatal in release builds, where assert() is compiled out.
+            LOGE("%s: Assertion `m_pInstance != nullptr' failed.", __PRETTY_FUNCTION__);
+            std::abort();
         }
         return instance;
     }

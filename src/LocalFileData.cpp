@@ -1,0 +1,257 @@
+#include "LocalFileData.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "HadrixUtil.h"
+#include "nimbos/paths.h"
+
+namespace {
+
+constexpr int kDefaultVolumeLevel = 50;
+constexpr int kMaxVolumeLevel = 100;
+constexpr mode_t kFileMode = 0644;
+constexpr mode_t kDirMode = 0755;
+
+// Owns a file descriptor; closes it on every path.
+class Fd {
+public:
+    explicit Fd(int fd) : m_fd(fd) {}
+    ~Fd()
+    {
+        if (m_fd >= 0)
+            close(m_fd);
+    }
+    Fd(const Fd &) = delete;
+    Fd &operator=(const Fd &) = delete;
+    int get() const { return m_fd; }
+    // Closes now and reports the result, for callers that must know a write reached the disk.
+    int Close()
+    {
+        int ret = close(m_fd);
+        m_fd = -1;
+        return ret;
+    }
+
+private:
+    int m_fd;
+};
+
+void MakeParentDirs(const std::string &path)
+{
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
+        mkdir(path.substr(0, slash).c_str(), kDirMode); // an existing directory is fine
+}
+
+bool WriteAll(int fd, const char *data, size_t size)
+{
+    while (size > 0) {
+        ssize_t n = write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Writes a temporary file beside the target and renames it over the target: readers see the
+// old or the new content, never a part, and a symbolic link at the target is replaced rather
+// than followed.
+bool ReplaceFile(const std::string &path, const char *data, size_t size)
+{
+    std::string temp = path + ".XXXXXX";
+    Fd fd(mkostemp(&temp[0], O_CLOEXEC));
+    if (fd.get() < 0)
+        return false;
+    bool written = fchmod(fd.get(), kFileMode) == 0 && WriteAll(fd.get(), data, size) && fsync(fd.get()) == 0;
+    if (fd.Close() != 0 || !written || rename(temp.c_str(), path.c_str()) != 0) {
+        unlink(temp.c_str());
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+CLocalFileData::CLocalFileData()
+{
+    GetVolumeLevelFromDB();
+    GetMuteStateFromDB();
+}
+
+bool CLocalFileData::m_IsFileExist(const std::string &path)
+{
+    bool exists = access(nimbos::Path(path).c_str(), F_OK) == 0;
+    if (exists)
+        LOGD("%s exist", path.c_str());
+    else
+        LOGD("%s not exist", path.c_str());
+    return exists;
+}
+
+void CLocalFileData::m_DeleteFile(const std::string &path)
+{
+    if (!m_IsFileExist(path)) {
+        LOGD("file %s don't exist", path.c_str());
+        return;
+    }
+    remove(nimbos::Path(path).c_str());
+}
+
+void CLocalFileData::m_CreateFile(const std::string &path)
+{
+    if (m_IsFileExist(path)) {
+        LOGD("file %s exist", path.c_str());
+        return;
+    }
+    std::string resolved = nimbos::Path(path);
+    MakeParentDirs(resolved);
+    // Synchronous open and fsync: the marker must survive a power cut right after it is made.
+    // O_NOFOLLOW: a link planted at the marker's place is never followed.
+    Fd fd(open(resolved.c_str(), O_RDONLY | O_CREAT | O_SYNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    if (fd.get() < 0) {
+        LOGE("open %s fail: %d", path.c_str(), fd.get());
+        return;
+    }
+    int ret = fsync(fd.get());
+    if (ret != 0)
+        LOGE("fsync fail : %d", ret);
+    ret = fd.Close();
+    if (ret != 0)
+        LOGE("close fail : %d", ret);
+}
+
+void CLocalFileData::ReadFromFile(const std::string &path, std::string &content)
+{
+    content.clear();
+    Fd fd(open(nimbos::Path(path).c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        LOGE("open file error path:%s", path.c_str());
+        return;
+    }
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(fd.get(), buffer, sizeof buffer)) != 0) {
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            LOGE("read file error path:%s", path.c_str());
+            content.clear();
+            return;
+        }
+        content.append(buffer, static_cast<size_t>(n));
+    }
+}
+
+void CLocalFileData::WriteToFile(const std::string &path, const char *data, size_t size)
+{
+    if (size == 0)
+        size = strlen(data);
+    LOGD("write to file %s  size %zu", path.c_str(), size);
+    std::string resolved = nimbos::Path(path);
+    MakeParentDirs(resolved);
+    if (!ReplaceFile(resolved, data, size))
+        LOGE("open file error");
+}
+
+void CLocalFileData::AppendToFile(const std::string &path, const char *data, size_t size)
+{
+    if (size == 0)
+        size = strlen(data);
+    LOGD("write to file %s  size %zu", path.c_str(), size);
+    std::string resolved = nimbos::Path(path);
+    MakeParentDirs(resolved);
+    Fd fd(open(resolved.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    if (fd.get() < 0) {
+        LOGE("open file error");
+        return;
+    }
+    if (!WriteAll(fd.get(), data, size))
+        LOGE("write file error path:%s", path.c_str());
+}
+
+bool CLocalFileData::IsUSBServiceRunning()
+{
+    return m_IsFileExist(HADRIX_RUNNING_FILE);
+}
+
+void CLocalFileData::SetUSBServiceRunning()
+{
+    m_CreateFile(HADRIX_RUNNING_FILE);
+}
+
+bool CLocalFileData::IsUSBAudioMode()
+{
+    return m_IsFileExist(HADRIX_USB_AUDIO_MODE_FILE);
+}
+
+void CLocalFileData::SetUSBAudioMode(bool enable)
+{
+    LOGD("SetUSBAudioMode enter : %d", enable);
+    if (enable)
+        m_CreateFile(HADRIX_USB_AUDIO_MODE_FILE);
+    else
+        m_DeleteFile(HADRIX_USB_AUDIO_MODE_FILE);
+}
+
+int CLocalFileData::GetVolumeLevelFromDB()
+{
+    int level = -1;
+    CUsbServiceUtil::GetVconf(VCONF_KEY_VOLUME_LEVEL, level);
+    LOGD("get usb sound volume level %d", level);
+    // Only an unreadable key falls back to the default; a stored value is taken as it is.
+    if (level == -1) {
+        level = kDefaultVolumeLevel;
+        LOGE("fail to get usb sound volume, set to default :%d", level);
+    }
+    m_nVolumeLevel = level;
+    return level;
+}
+
+bool CLocalFileData::GetMuteStateFromDB()
+{
+    int mute = 0;
+    CUsbServiceUtil::GetVconf(VCONF_KEY_VOLUME_MUTE_STATUS, mute);
+    LOGD("get usb sound mute state  %d", mute);
+    m_bMute = mute != 0;
+    return m_bMute;
+}
+
+void CLocalFileData::SetMuteState(bool mute)
+{
+    LOGD("[START] set mute %d", mute);
+    m_bMute = mute;
+    CUsbServiceUtil::SetVconf(VCONF_KEY_VOLUME_MUTE_STATUS, mute ? 1 : 0);
+}
+
+void CLocalFileData::SetVolumeLevel(int level)
+{
+    LOGD("set volume %d", level);
+    // Compared as unsigned, so a negative level is refused as well.
+    if (static_cast<unsigned int>(level) > kMaxVolumeLevel) {
+        LOGE("volume level parameter invalid. %d", level);
+        return;
+    }
+    m_nVolumeLevel = level;
+    CUsbServiceUtil::SetVconf(VCONF_KEY_VOLUME_LEVEL, level);
+}
+
+void CLocalFileData::ChangeVolume(int step, bool up)
+{
+    LOGD("ChangeVolume step:[%d],bUp:[%d]", step, up);
+    if (step <= 0)
+        return;
+    int level = m_nVolumeLevel;
+    if (up && level < kMaxVolumeLevel)
+        SetVolumeLevel(std::min(level + step, kMaxVolumeLevel));
+    else if (!up && level > 0)
+        SetVolumeLevel(std::max(level - step, 0));
+}

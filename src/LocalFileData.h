@@ -1,0 +1,53 @@
+// The service's persistent state: the USB headset's stored volume level and mute state (kept in
+// the settings store), the marker files, and whole-file read, write and append.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <string>
+
+#include "Singleton.h"
+
+// Marker files. Only their existence matters.
+#define HADRIX_RUNNING_FILE "/tmp/hadrix.running"
+#define HADRIX_USB_AUDIO_MODE_FILE "/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode"
+
+class CLocalFileData : public CSingleton<CLocalFileData> {
+    friend class CSingleton<CLocalFileData>;
+
+public:
+    ~CLocalFileData() override = default;
+
+    // Paths are the platform's absolute paths; they are resolved for this system here.
+    // content is replaced by the whole file, or left empty when it cannot be read.
+    void ReadFromFile(const std::string &path, std::string &content);
+    // size 0 means strlen(data). The file is replaced whole: a reader never sees half of it.
+    void WriteToFile(const std::string &path, const char *data, size_t size = 0);
+    void AppendToFile(const std::string &path, const char *data, size_t size = 0);
+
+    bool IsUSBServiceRunning();
+    void SetUSBServiceRunning();
+    bool IsUSBAudioMode();
+    void SetUSBAudioMode(bool enable);
+
+    int GetVolumeLevelFromDB();
+    bool GetMuteStateFromDB();
+    void SetMuteState(bool mute);
+    void SetVolumeLevel(int level);
+    void ChangeVolume(int step, bool up);
+
+    // The cached values, readable from any thread.
+    int GetVolumeLevel() const { return m_nVolumeLevel.load(); }
+    bool GetMuteState() const { return m_bMute.load(); }
+
+private:
+    CLocalFileData();
+
+    bool m_IsFileExist(const std::string &path);
+    void m_DeleteFile(const std::string &path);
+    void m_CreateFile(const std::string &path);
+
+    // Changed on the main loop only; atomic because other threads read them.
+    std::atomic<int> m_nVolumeLevel{0};
+    std::atomic<bool> m_bMute{false};
+};

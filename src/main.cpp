@@ -1,0 +1,104 @@
+// Process entry and the service's lifecycle callbacks.
+#include <clocale>
+#include <cstdio>
+#include <libintl.h>
+#include <sys/prctl.h>
+
+#include <glib.h>
+
+#include "HadrixUtil.h"
+#include "LocalFileData.h"
+#include "Log.h"
+#include "nimbos/app.h"
+#include "nimbos/paths.h"
+#include "nimbos/watchdog.h"
+
+namespace {
+
+constexpr char kTextDomain[] = "hadrix";
+constexpr char kLocaleDir[] = "/usr/apps/hadrix/res/locale";
+constexpr int kBootTraceOption = 666; // the platform's boot-trace prctl; fails harmlessly elsewhere
+constexpr int kWatchdogTimeoutSec = 60;
+constexpr unsigned int kHeartbeatMs = 5000;
+
+void PutBootTraceMark(const char *text)
+{
+    char mark[512];
+    int length = snprintf(mark, sizeof mark, "%s", text);
+    prctl(kBootTraceOption, mark, length);
+}
+
+void ApplyMenuLanguage()
+{
+    std::string language;
+    CUsbServiceUtil::GetVconf(VCONF_KEY_MENU_LANGUAGE, language);
+    const char *result = setlocale(LC_ALL, language.c_str());
+    if (result)
+        LOGE("setlocale ret : %s", result);
+    else
+        LOGE("setlocale return null");
+}
+
+// Popups are built in the menu language, which the viewer can change while the service runs.
+void OnMenuLanguageChanged(keynode_t *, void *)
+{
+    ApplyMenuLanguage();
+}
+
+void BindTextDomain()
+{
+    const char *result = bindtextdomain(kTextDomain, nimbos::Path(kLocaleDir).c_str());
+    if (result)
+        LOGE("bindtextdomain ret : %s", result);
+    else
+        LOGE("bindtextdomain return null");
+}
+
+gboolean OnDeadLockNotifyCB(gpointer)
+{
+    LOGE("");
+    smart_deadlock_watchdog_notify();
+    return TRUE;
+}
+
+void StartWatchdogHeartbeat()
+{
+    smart_deadlock_register_watchdog_service(kWatchdogTimeoutSec);
+    g_timeout_add(kHeartbeatMs, OnDeadLockNotifyCB, nullptr);
+}
+
+bool service_app_create(void *)
+{
+    LOGE("service_app_create");
+    CLocalFileData::GetInstance();
+    return true;
+}
+
+void service_app_terminate(void *)
+{
+    LOGE("service_app_terminate");
+}
+
+void service_app_control(app_control_h, void *)
+{
+    LOGE("service_app_control");
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    LOGE("hadrix main");
+    PutBootTraceMark("hadrix main in");
+
+    ApplyMenuLanguage();
+    CUsbServiceUtil::AddVconfChangedCb(VCONF_KEY_MENU_LANGUAGE, OnMenuLanguageChanged, nullptr);
+    BindTextDomain();
+
+    StartWatchdogHeartbeat();
+
+    LOGE("hadrix loop start");
+    PutBootTraceMark("call service_app_main");
+    service_app_lifecycle_callback_s callbacks = {service_app_create, service_app_terminate, service_app_control};
+    return service_app_main(argc, argv, &callbacks, nullptr);
+}

@@ -1,0 +1,341 @@
+// The detected-device list: list semantics, and the debounced save to the device depot file.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <climits>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <glib.h>
+#include <json/json.h>
+#include <unistd.h>
+
+#include "DevicesDepot.h"
+#include "DevicesDetected.h"
+#include "LocalFileData.h"
+#include "TempRoot.h"
+
+namespace {
+
+constexpr gint64 kMs = 1000; // monotonic clock units per millisecond
+constexpr gint64 kSaveDelay = 500 * kMs;
+// How late a save may come on a busy machine before it counts as missing.
+constexpr gint64 kSaveSlack = 1000 * kMs;
+
+USBDeviceInfo Device(const std::string &path, uint32_t timeStamp = 0, device_status status = DEVICE_STATUS_IDLE)
+{
+    USBDeviceInfo info;
+    info.strProductName = "Headset " + path;
+    info.nVendorId = 0x046D;
+    info.nProductId = 0x0843;
+    info.strDevPath = path;
+    info.strManufature = "Maker";
+    info.nCardNum = 1;
+    info.eStatus = status;
+    info.timeStamp = timeStamp;
+    return info;
+}
+
+std::vector<std::string> Paths(const std::vector<USBDeviceInfo> &devices)
+{
+    std::vector<std::string> paths;
+    for (const USBDeviceInfo &info : devices)
+        paths.push_back(info.strDevPath);
+    return paths;
+}
+
+struct DepotWrite {
+    gint64 at; // monotonic time at which the write was seen
+    std::string content;
+};
+
+class DevicesDetectedTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        DevicesDetected::ReleaseInstance();
+        CLocalFileData::ReleaseInstance();
+        // Wakes the loop often, so that a write is seen right after the iteration that made it.
+        m_ticker = g_timeout_add(10, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
+    }
+    void TearDown() override
+    {
+        g_source_remove(m_ticker);
+        DevicesDetected::ReleaseInstance();
+        CLocalFileData::ReleaseInstance();
+    }
+
+    DevicesDetected &List() { return *DevicesDetected::GetInstance(); }
+    bool DepotExists() const { return root.Exists(DEVICES_DEPOT_FILE); }
+
+    // Runs the main loop for the given time and records every write of the depot file. Each
+    // write found is moved out of the way, so that the next write shows as a new file.
+    std::vector<DepotWrite> CollectWrites(gint64 duration)
+    {
+        std::vector<DepotWrite> writes;
+        gint64 deadline = g_get_monotonic_time() + duration;
+        while (g_get_monotonic_time() < deadline) {
+            g_main_context_iteration(nullptr, TRUE);
+            if (DepotExists()) {
+                writes.push_back({g_get_monotonic_time(), root.ReadFile(DEVICES_DEPOT_FILE)});
+                unlink(root.Path(DEVICES_DEPOT_FILE).c_str());
+            }
+        }
+        return writes;
+    }
+
+    // Runs the main loop until the depot file appears; leaves it in place.
+    bool WaitForDepot()
+    {
+        gint64 deadline = g_get_monotonic_time() + kSaveDelay + kSaveSlack;
+        while (!DepotExists() && g_get_monotonic_time() < deadline)
+            g_main_context_iteration(nullptr, TRUE);
+        return DepotExists();
+    }
+
+    TempRoot root;
+
+private:
+    guint m_ticker = 0;
+};
+
+TEST_F(DevicesDetectedTest, ReAddedDeviceMovesToTheEndWithNewValues)
+{
+    List().AddDevice(Device("/a", 10, DEVICE_STATUS_USING));
+    List().AddDevice(Device("/b", 20));
+    List().AddDevice(Device("/c", 30));
+
+    USBDeviceInfo again = Device("/a", 40, DEVICE_STATUS_RELEASED);
+    again.strProductName = "Renamed";
+    again.nCardNum = 7;
+    List().AddDevice(again);
+
+    std::vector<USBDeviceInfo> devices = List().GetDevices();
+    ASSERT_EQ(Paths(devices), (std::vector<std::string>{"/b", "/c", "/a"}));
+    EXPECT_EQ(List().GetSize(), 3);
+    EXPECT_EQ(devices[2].strProductName, "Renamed");
+    EXPECT_EQ(devices[2].nCardNum, 7);
+    EXPECT_EQ(devices[2].timeStamp, 40u);
+    EXPECT_EQ(devices[2].eStatus, DEVICE_STATUS_RELEASED);
+}
+
+TEST_F(DevicesDetectedTest, LookupsMatchTheWholePath)
+{
+    EXPECT_EQ(List().GetDeviceStatus("/a"), DEVICE_STATUS_IDLE) << "empty list";
+    EXPECT_FALSE(List().FindDevice("/a"));
+
+    List().AddDevice(Device("/usb1/card1", 0, DEVICE_STATUS_USING));
+    EXPECT_TRUE(List().FindDevice("/usb1/card1"));
+    EXPECT_FALSE(List().FindDevice("/usb1/card"));
+    EXPECT_FALSE(List().FindDevice("/usb1/card12"));
+    EXPECT_FALSE(List().FindDevice(""));
+    EXPECT_EQ(List().GetDeviceStatus("/usb1/card1"), DEVICE_STATUS_USING);
+    EXPECT_EQ(List().GetDeviceStatus("/usb1/card"), DEVICE_STATUS_IDLE);
+}
+
+TEST_F(DevicesDetectedTest, RemoveAndSetStatusActOnTheNamedDeviceOnly)
+{
+    List().AddDevice(Device("/a"));
+    List().AddDevice(Device("/b"));
+    List().AddDevice(Device("/c"));
+
+    List().SetDeviceStatus("/b", DEVICE_STATUS_RESERVED);
+    EXPECT_EQ(List().GetDeviceStatus("/b"), DEVICE_STATUS_RESERVED);
+    EXPECT_EQ(List().GetDeviceStatus("/a"), DEVICE_STATUS_IDLE);
+    EXPECT_EQ(List().GetDeviceStatus("/c"), DEVICE_STATUS_IDLE);
+
+    List().RemoveDevice("/b");
+    EXPECT_EQ(Paths(List().GetDevices()), (std::vector<std::string>{"/a", "/c"}));
+
+    List().RemoveDevice("/unknown");
+    List().SetDeviceStatus("/unknown", DEVICE_STATUS_USING);
+    EXPECT_EQ(Paths(List().GetDevices()), (std::vector<std::string>{"/a", "/c"}));
+    EXPECT_EQ(List().GetUsingCnt(), 0);
+}
+
+TEST_F(DevicesDetectedTest, UsingCountCountsStatusOneOnly)
+{
+    EXPECT_EQ(List().GetUsingCnt(), 0);
+    List().AddDevice(Device("/a", 0, DEVICE_STATUS_USING));
+    List().AddDevice(Device("/b", 0, DEVICE_STATUS_RELEASED));
+    List().AddDevice(Device("/c", 0, DEVICE_STATUS_IDLE));
+    List().AddDevice(Device("/d", 0, DEVICE_STATUS_RESERVED));
+    List().AddDevice(Device("/e", 0, DEVICE_STATUS_USING));
+    EXPECT_EQ(List().GetUsingCnt(), 2);
+
+    List().SetDeviceStatus("/a", DEVICE_STATUS_RELEASED);
+    EXPECT_EQ(List().GetUsingCnt(), 1);
+}
+
+TEST_F(DevicesDetectedTest, SortOrdersTimeStampsAsUnsignedNumbers)
+{
+    List().AddDevice(Device("/late", 4000000000u));
+    List().AddDevice(Device("/early", 5));
+    List().AddDevice(Device("/half", 2147483648u));
+    List().AddDevice(Device("/mid", 100));
+
+    List().SortDevices();
+    EXPECT_EQ(Paths(List().GetDevices()), (std::vector<std::string>{"/early", "/mid", "/half", "/late"}));
+}
+
+TEST_F(DevicesDetectedTest, ForeachVisitsRecordsInListOrder)
+{
+    List().AddDevice(Device("/a", 3));
+    List().AddDevice(Device("/b", 1));
+    List().AddDevice(Device("/c", 2));
+
+    std::vector<USBDeviceInfo> seen;
+    List().ForeachDevice([&seen](const USBDeviceInfo &info) { seen.push_back(info); });
+    EXPECT_EQ(Paths(seen), (std::vector<std::string>{"/a", "/b", "/c"}));
+    EXPECT_EQ(seen[1].timeStamp, 1u);
+
+    List().Clear();
+    EXPECT_EQ(List().GetSize(), 0);
+    seen.clear();
+    List().ForeachDevice([&seen](const USBDeviceInfo &info) { seen.push_back(info); });
+    EXPECT_TRUE(seen.empty());
+}
+
+TEST_F(DevicesDetectedTest, UnknownPathChangesScheduleNoSave)
+{
+    List().RemoveDevice("/unknown");
+    List().SetDeviceStatus("/unknown", DEVICE_STATUS_USING);
+    EXPECT_TRUE(CollectWrites(kSaveDelay + 300 * kMs).empty());
+}
+
+TEST_F(DevicesDetectedTest, ClearAndSortScheduleNoSave)
+{
+    List().AddDevice(Device("/b", 2));
+    List().AddDevice(Device("/a", 1));
+    ASSERT_TRUE(WaitForDepot());
+    ASSERT_EQ(unlink(root.Path(DEVICES_DEPOT_FILE).c_str()), 0);
+
+    List().SortDevices();
+    List().Clear();
+    EXPECT_TRUE(CollectWrites(kSaveDelay + 300 * kMs).empty());
+}
+
+TEST_F(DevicesDetectedTest, BurstOfThreeChangesIsSavedOnceAfterTheLast)
+{
+    List().AddDevice(Device("/a"));
+    std::vector<DepotWrite> writes = CollectWrites(200 * kMs);
+    List().AddDevice(Device("/b"));
+    std::vector<DepotWrite> more = CollectWrites(200 * kMs);
+    writes.insert(writes.end(), more.begin(), more.end());
+    gint64 lastChange = g_get_monotonic_time();
+    List().SetDeviceStatus("/a", DEVICE_STATUS_USING);
+    more = CollectWrites(kSaveDelay + kSaveSlack);
+    writes.insert(writes.end(), more.begin(), more.end());
+
+    ASSERT_EQ(writes.size(), 1u);
+    EXPECT_GE(writes[0].at - lastChange, kSaveDelay);
+    EXPECT_LT(writes[0].at - lastChange, kSaveDelay + kSaveSlack);
+    // The one write holds the list as it was after the last change.
+    EXPECT_NE(writes[0].content.find("\"/b\""), std::string::npos);
+    EXPECT_NE(writes[0].content.find("\"status\" : 1"), std::string::npos);
+}
+
+TEST_F(DevicesDetectedTest, TwoChangesHundredMsApartAreSavedOnce)
+{
+    List().AddDevice(Device("/a"));
+    std::vector<DepotWrite> writes = CollectWrites(100 * kMs);
+    gint64 lastChange = g_get_monotonic_time();
+    List().RemoveDevice("/a");
+    std::vector<DepotWrite> more = CollectWrites(kSaveDelay + kSaveSlack);
+    writes.insert(writes.end(), more.begin(), more.end());
+
+    ASSERT_EQ(writes.size(), 1u);
+    EXPECT_GE(writes[0].at - lastChange, kSaveDelay);
+    EXPECT_EQ(writes[0].content, "[]") << "an empty list is saved as an empty array";
+}
+
+TEST_F(DevicesDetectedTest, ChangesFromAnotherThreadAreSavedOnce)
+{
+    std::atomic<gint64> lastChange{0};
+    std::atomic<bool> done{false};
+    DevicesDetected *list = &List();
+    std::thread worker([&] {
+        for (int i = 0; i < 3; ++i) {
+            lastChange = g_get_monotonic_time();
+            list->AddDevice(Device("/w" + std::to_string(i)));
+            g_usleep(150 * 1000);
+        }
+        done = true;
+    });
+    std::vector<DepotWrite> writes;
+    while (!done) {
+        std::vector<DepotWrite> more = CollectWrites(50 * kMs);
+        writes.insert(writes.end(), more.begin(), more.end());
+    }
+    worker.join();
+    std::vector<DepotWrite> more = CollectWrites(kSaveDelay + kSaveSlack);
+    writes.insert(writes.end(), more.begin(), more.end());
+
+    ASSERT_EQ(writes.size(), 1u);
+    EXPECT_GE(writes[0].at - lastChange.load(), kSaveDelay);
+    EXPECT_NE(writes[0].content.find("\"/w2\""), std::string::npos);
+}
+
+TEST_F(DevicesDetectedTest, SavedFileHoldsTheRecordsAndReadsBack)
+{
+    USBDeviceInfo info = Device("/devices/usb1/1-1/1-1:1.0/sound/card1", 4000000000u, DEVICE_STATUS_USING);
+    info.strProductName = "USB Headset \"Pro\"";
+    info.nCardNum = 3;
+    info.bNotified = true;
+    List().AddDevice(info);
+    ASSERT_TRUE(WaitForDepot());
+
+    Json::Value root;
+    std::string errors;
+    std::string text = this->root.ReadFile(DEVICES_DEPOT_FILE);
+    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    ASSERT_TRUE(reader->parse(text.data(), text.data() + text.size(), &root, &errors)) << errors;
+    ASSERT_TRUE(root.isArray());
+    ASSERT_EQ(root.size(), 1u);
+    const Json::Value &entry = root[0];
+    EXPECT_EQ(entry.getMemberNames(),
+              (std::vector<std::string>{"card_num", "dev_path", "manufature", "product_id", "product_name",
+                                        "status", "time_stamp", "vendor_id"}))
+        << "the flags are not saved";
+    EXPECT_EQ(entry["vendor_id"], Json::Value(1133));
+    EXPECT_EQ(entry["product_id"], Json::Value(2115));
+    EXPECT_EQ(entry["time_stamp"], Json::Value("4000000000"));
+    EXPECT_EQ(entry["status"], Json::Value(1));
+    EXPECT_EQ(entry["card_num"], Json::Value(3));
+    EXPECT_EQ(entry["product_name"], Json::Value("USB Headset \"Pro\""));
+
+    DevicesDepot::ReleaseInstance();
+    std::vector<USBDeviceInfo> read;
+    DevicesDepot::GetInstance()->ForeachDevice([&read](const USBDeviceInfo &d) { read.push_back(d); });
+    DevicesDepot::ReleaseInstance();
+    ASSERT_EQ(read.size(), 1u);
+    EXPECT_EQ(read[0].timeStamp, 4000000000u);
+    EXPECT_EQ(read[0].strDevPath, info.strDevPath);
+    EXPECT_EQ(read[0].strProductName, info.strProductName);
+    EXPECT_EQ(read[0].strManufature, info.strManufature);
+    EXPECT_EQ(read[0].nVendorId, 0x046D);
+    EXPECT_EQ(read[0].nProductId, 0x0843);
+    EXPECT_EQ(read[0].nCardNum, 3);
+    EXPECT_EQ(read[0].eStatus, DEVICE_STATUS_USING);
+}
+
+TEST_F(DevicesDetectedTest, SaveReplacesALinkInsteadOfWritingThroughIt)
+{
+    std::string target = root.Path("/tmp/victim");
+    root.WriteFile("/tmp/victim", "keep");
+    root.WriteFile(DEVICES_DEPOT_FILE, "");
+    ASSERT_EQ(unlink(root.Path(DEVICES_DEPOT_FILE).c_str()), 0);
+    ASSERT_EQ(symlink(target.c_str(), root.Path(DEVICES_DEPOT_FILE).c_str()), 0);
+
+    List().AddDevice(Device("/a"));
+    gint64 deadline = g_get_monotonic_time() + kSaveDelay + kSaveSlack;
+    while (root.ReadFile(DEVICES_DEPOT_FILE) == "keep" && g_get_monotonic_time() < deadline)
+        g_main_context_iteration(nullptr, TRUE);
+
+    EXPECT_EQ(root.ReadFile("/tmp/victim"), "keep");
+    EXPECT_NE(root.ReadFile(DEVICES_DEPOT_FILE).find("\"/a\""), std::string::npos);
+}
+
+} // namespace

@@ -1,0 +1,111 @@
+// Settings-table access, text and model helpers, time.
+#include <gtest/gtest.h>
+
+#include <glib.h>
+
+#include "HadrixUtil.h"
+#include "TempRoot.h"
+#include "nimbos/settings.h"
+
+namespace {
+
+class HadrixUtilTest : public ::testing::Test {
+protected:
+    TempRoot root;
+
+    void SetModel(const std::string &model)
+    {
+        root.WriteFile("/etc/nimbos/system-info.conf", "[system]\nmodel=" + model + "\n");
+    }
+};
+
+TEST(ReplaceStr, ReplacesOnlyTheFirstOccurrence)
+{
+    EXPECT_EQ(CUsbServiceUtil::ReplaceStr("%s and %s", "%s", "Pad"), "Pad and %s");
+    EXPECT_EQ(CUsbServiceUtil::ReplaceStr("no placeholder", "%s", "Pad"), "no placeholder");
+    EXPECT_EQ(CUsbServiceUtil::ReplaceStr("<<A>> connected", "<<A>>", ""), " connected");
+}
+
+TEST_F(HadrixUtilTest, FailedReadsLeaveTheCallersValue)
+{
+    int level = 42;
+    EXPECT_FALSE(CUsbServiceUtil::GetVconf(VCONF_KEY_VOLUME_LEVEL, level));
+    EXPECT_EQ(level, 42);
+
+    ASSERT_EQ(vconf_set_str("db/hadrix/volume_level", "loud"), 0);
+    EXPECT_FALSE(CUsbServiceUtil::GetVconf(VCONF_KEY_VOLUME_LEVEL, level)) << "a string is not an int";
+    EXPECT_EQ(level, 42);
+
+    std::string text = "preset";
+    EXPECT_FALSE(CUsbServiceUtil::GetVconf(VCONF_KEY_COUNT, text)) << "index outside the table";
+    EXPECT_FALSE(CUsbServiceUtil::GetVconf(-1, text));
+    EXPECT_EQ(text, "preset");
+    EXPECT_FALSE(CUsbServiceUtil::SetVconf(VCONF_KEY_COUNT, 1));
+}
+
+TEST_F(HadrixUtilTest, TableKeysReachTheStore)
+{
+    EXPECT_TRUE(CUsbServiceUtil::SetVconf(VCONF_KEY_VOLUME_LEVEL, 35));
+    int stored = 0;
+    ASSERT_EQ(vconf_get_int("db/hadrix/volume_level", &stored), 0);
+    EXPECT_EQ(stored, 35);
+
+    EXPECT_TRUE(CUsbServiceUtil::SetVconf(VCONF_KEY_EXT_VOLUME_TTS_PLAY, std::string("beep")));
+    std::string spoken;
+    EXPECT_TRUE(CUsbServiceUtil::GetVconf("memory/tv-viewer/ext_volume_tts_play", spoken));
+    EXPECT_EQ(spoken, "beep");
+
+    EXPECT_TRUE(CUsbServiceUtil::SetVconf(VCONF_KEY_ACCESSIBILITY_TTS, true));
+    bool tts = false;
+    EXPECT_TRUE(CUsbServiceUtil::GetVconf(VCONF_KEY_ACCESSIBILITY_TTS, tts));
+    EXPECT_TRUE(tts);
+}
+
+TEST_F(HadrixUtilTest, TvViewerIsReadyUnlessItShowsItsOwnVolume)
+{
+    EXPECT_TRUE(CUsbServiceUtil::IsTVViewerReady()) << "missing key";
+    ASSERT_EQ(vconf_set_str("memory/tv-viewer/show_ext_volume", ""), 0);
+    EXPECT_TRUE(CUsbServiceUtil::IsTVViewerReady()) << "empty value";
+    ASSERT_EQ(vconf_set_str("memory/tv-viewer/show_ext_volume", "1"), 0);
+    EXPECT_FALSE(CUsbServiceUtil::IsTVViewerReady());
+}
+
+TEST_F(HadrixUtilTest, Easel32IsTheModelTagAnywhereInTheModel)
+{
+    EXPECT_FALSE(CUsbServiceUtil::IsEasel32TV()) << "no system information";
+    SetModel("KF03BX");
+    EXPECT_TRUE(CUsbServiceUtil::IsEasel32TV());
+    SetModel("UN32-KF03BXZA");
+    EXPECT_TRUE(CUsbServiceUtil::IsEasel32TV());
+    SetModel("UN55KF03B");
+    EXPECT_FALSE(CUsbServiceUtil::IsEasel32TV());
+
+    std::string model;
+    EXPECT_TRUE(CUsbServiceUtil::GetSwModel(model));
+    EXPECT_EQ(model, "UN55KF03B");
+}
+
+TEST(Time, UptimeFollowsTheMonotonicClock)
+{
+    uint32_t before = static_cast<uint32_t>(g_get_monotonic_time() / 1000);
+    uint32_t uptime = CUsbServiceUtil::GetUptime();
+    uint32_t after = static_cast<uint32_t>(g_get_monotonic_time() / 1000);
+    EXPECT_LE(before - 1, uptime);
+    EXPECT_LE(uptime, after + 1);
+}
+
+TEST(Time, WaitSleepsAtLeastTheGivenTime)
+{
+    gint64 start = g_get_monotonic_time();
+    CUsbServiceUtil::Wait(0);
+    CUsbServiceUtil::Wait(30);
+    EXPECT_GE(g_get_monotonic_time() - start, 30000);
+}
+
+TEST(SoundNodes, MissingCardNodesAreReportedAbsent)
+{
+    EXPECT_FALSE(CUsbServiceUtil::IsSndPcmPlayExist(97));
+    EXPECT_FALSE(CUsbServiceUtil::IsSndCtrlCardExist(97));
+}
+
+} // namespace

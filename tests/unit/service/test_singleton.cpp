@@ -1,0 +1,76 @@
+// Creation, sharing and release of process-wide singletons.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "AppStatus.h"
+#include "Singleton.h"
+
+namespace {
+
+std::atomic<int> g_constructed{0};
+
+class Counted : public CSingleton<Counted> {
+    friend class CSingleton<Counted>;
+
+public:
+    int value = 0;
+
+private:
+    Counted()
+    {
+        ++g_constructed;
+        // Widen the window in which racing callers could build a second instance.
+        std::this_thread::yield();
+    }
+};
+
+TEST(Singleton, SharesOneInstanceAndRebuildsAfterRelease)
+{
+    Counted::ReleaseInstance();
+    g_constructed = 0;
+    Counted *first = Counted::GetInstance();
+    first->value = 7;
+    EXPECT_EQ(Counted::GetInstance(), first);
+    EXPECT_EQ(g_constructed, 1);
+
+    Counted::ReleaseInstance();
+    Counted *second = Counted::GetInstance();
+    EXPECT_EQ(g_constructed, 2) << "the constructor runs again after a release";
+    EXPECT_EQ(second->value, 0);
+    Counted::ReleaseInstance();
+    Counted::ReleaseInstance(); // releasing nothing is harmless
+}
+
+TEST(Singleton, RacingCallersGetTheSameInstance)
+{
+    Counted::ReleaseInstance();
+    g_constructed = 0;
+    std::vector<Counted *> seen(8, nullptr);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < seen.size(); ++i)
+        threads.emplace_back([&seen, i] { seen[i] = Counted::GetInstance(); });
+    for (auto &t : threads)
+        t.join();
+    EXPECT_EQ(g_constructed, 1);
+    for (Counted *p : seen)
+        EXPECT_EQ(p, seen[0]);
+    Counted::ReleaseInstance();
+}
+
+TEST(AppStatus, StartsAtZeroAndKeepsWhatIsSet)
+{
+    CAppStatus::ReleaseInstance();
+    CAppStatus *status = CAppStatus::GetInstance();
+    EXPECT_EQ(status->GetAppStatus(), APP_STATUS_NONE);
+    EXPECT_EQ(status->GetAppMode(), USB_MODE_NONE);
+    status->SetAppStatus(static_cast<app_status>(2));
+    status->SetAppMode(static_cast<usb_mode>(1));
+    EXPECT_EQ(CAppStatus::GetInstance()->GetAppStatus(), 2);
+    EXPECT_EQ(CAppStatus::GetInstance()->GetAppMode(), 1);
+    CAppStatus::ReleaseInstance();
+}
+
+} // namespace
