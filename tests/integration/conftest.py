@@ -1,0 +1,181 @@
+"""Fixtures of the integration tests: the real programs of the build against a private system
+bus, mocked platform services and a private file-system root, one set per test.
+
+`child_env` is where fixtures meet: every fixture that changes how the programs under test
+start (bus address, HADRIX_ROOT, NOTIFY_SOCKET, and later device emulation, the kernel-log shim
+or a faked clock) sets variables or adds preload libraries on it, and every program started
+through `launcher` (the daemon, the tools, the probe) gets the result.
+"""
+import sys
+
+sys.dont_write_bytecode = True  # the source tree may be read-only
+
+import pytest  # noqa: E402
+
+from harness import paths  # noqa: E402
+from harness.bus import HADRIX_BUS_NAME, VOLUME_APP, MockService, SystemBus  # noqa: E402
+from harness.daemon import Launcher  # noqa: E402
+from harness.env import ChildEnv  # noqa: E402
+from harness.notify import NotifySocket  # noqa: E402
+from harness.root import HadrixRoot  # noqa: E402
+
+_reporters = pytest.StashKey[list]()
+
+
+def pytest_configure(config):
+    if not config.pluginmanager.hasplugin('timeout'):
+        raise pytest.UsageError('the integration tests need pytest-timeout '
+                                '(Debian package python3-pytest-timeout)')
+
+
+def add_reporter(request, reporter):
+    """Registers a callable returning [(title, text)] shown when the test fails."""
+    request.node.stash.setdefault(_reporters, []).append(reporter)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    report = outcome.get_result()
+    if report.failed:
+        for reporter in item.stash.get(_reporters, []):
+            for title, text in reporter():
+                report.sections.append((title, text))
+
+
+def program(name):
+    try:
+        return paths.program(name)
+    except paths.MissingProgram as exc:
+        missing = str(exc)
+    pytest.fail(missing, pytrace=False)
+
+
+@pytest.fixture
+def socket_dir():
+    directory = paths.SocketDir()
+    yield directory
+    directory.remove()
+
+
+@pytest.fixture
+def system_bus(socket_dir, tmp_path, request):
+    bus = SystemBus(socket_dir, tmp_path)
+    add_reporter(request, bus.report)
+    yield bus
+    bus.stop()
+
+
+@pytest.fixture
+def hadrix_root(tmp_path):
+    return HadrixRoot(tmp_path / 'root')
+
+
+@pytest.fixture
+def child_env(system_bus, hadrix_root):
+    env = ChildEnv()
+    env.set('DBUS_SYSTEM_BUS_ADDRESS', system_bus.address)
+    for key, value in hadrix_root.env().items():
+        env.set(key, value)
+    return env
+
+
+@pytest.fixture
+def launcher(child_env, tmp_path, request):
+    launcher = Launcher(child_env, tmp_path)
+    add_reporter(request, launcher.report)
+    yield launcher
+    crashes = launcher.reap()
+    if crashes:
+        pytest.fail(f'killed by a signal nobody sent: {", ".join(crashes)}', pytrace=False)
+
+
+class Daemons:
+    """Starts the service; every instance is killed at teardown if the test left it running."""
+
+    def __init__(self, launcher, bus):
+        self.launcher = launcher
+        self.bus = bus
+
+    def start(self, env=None, preload=(), args=(), ready=True, timeout=10.0):
+        """Starts hadrix. With `ready`, returns once the create callback has run and the
+        service owns its bus name."""
+        daemon = self.launcher.start(program('hadrix'), args, env, preload, label='hadrix')
+        if ready:
+            daemon.wait_for_log('service_app_create', timeout)
+            daemon.wait_until(lambda: self.bus.has_owner(HADRIX_BUS_NAME), timeout,
+                              what=f'{HADRIX_BUS_NAME} on the bus')
+        return daemon
+
+
+@pytest.fixture
+def daemon(launcher, system_bus):
+    return Daemons(launcher, system_bus)
+
+
+class Mocks:
+    """python-dbusmock services of templates/ on the test's bus."""
+
+    def __init__(self, bus, child_env, work_dir):
+        self.bus = bus
+        self.child_env = child_env
+        self.work_dir = work_dir
+        self.started = []
+
+    def spawn(self, template, parameters=None, name=None):
+        mock = MockService(self.bus, self.child_env.build(), self.work_dir, template, parameters,
+                           name)
+        self.started.append(mock)
+        return mock
+
+    def app(self, app_id=VOLUME_APP, **parameters):
+        """An application serving Launch under `app_id`."""
+        return self.spawn('app', dict(parameters, app_id=app_id), name=app_id)
+
+    def report(self):
+        return [(f'mock {mock.name} calls', mock.logfile.read_text())
+                for mock in self.started if mock.logfile.exists()]
+
+    def stop(self):
+        for mock in self.started:
+            mock.stop()
+
+
+@pytest.fixture
+def mocks(system_bus, child_env, tmp_path, request):
+    mocks = Mocks(system_bus, child_env, tmp_path)
+    add_reporter(request, mocks.report)
+    yield mocks
+    mocks.stop()
+
+
+@pytest.fixture
+def notify_socket(socket_dir, child_env):
+    """Messages the service sends to its service manager (READY=1, WATCHDOG=1)."""
+    sock = NotifySocket(socket_dir / 'notify')
+    child_env.set('NOTIFY_SOCKET', sock.path)
+    yield sock
+    sock.close()
+
+
+class Tool:
+    """Runs a program of the build to its end with the test's environment."""
+
+    def __init__(self, launcher, name):
+        self.launcher = launcher
+        self.path = program(name)
+
+    def __call__(self, *args, env=None, timeout=10.0):
+        return self.launcher.run(self.path, args, env, timeout)
+
+
+@pytest.fixture
+def settings_cli(launcher):
+    """hadrix-settings on the test's settings directories: settings_cli('get', key)."""
+    return Tool(launcher, 'hadrix-settings')
+
+
+@pytest.fixture
+def probe(launcher):
+    """hadrix-probe with the test's environment: probe('launch-app', key, value)."""
+    return Tool(launcher, 'hadrix-probe')

@@ -1,0 +1,1 @@
+"""Helpers of the integration tests: processes, logs, bus, mocks, files, waits."""

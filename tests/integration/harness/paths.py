@@ -1,0 +1,61 @@
+"""Where the tree, the build and the programs under test are."""
+import os
+import shutil
+import tempfile
+from pathlib import Path
+
+REPO = Path(__file__).resolve().parents[3]
+TEMPLATES = REPO / 'tests' / 'integration' / 'templates'
+
+# Programs of the build, by name, relative to the build directory.
+PROGRAMS = {
+    'hadrix': 'src/hadrix',
+    'hadrix-settings': 'tools/hadrix-settings',
+    'hadrix-probe': 'tests/integration/hadrix-probe',
+}
+
+
+class MissingProgram(Exception):
+    pass
+
+
+def build_dir():
+    """HADRIX_BUILD_DIR, or <repo>/build."""
+    return Path(os.environ.get('HADRIX_BUILD_DIR') or REPO / 'build').resolve()
+
+
+def program(name):
+    """Path of a built program; raises MissingProgram with how to build it."""
+    build = build_dir()
+    path = build / PROGRAMS[name]
+    if not os.access(path, os.X_OK):
+        raise MissingProgram(
+            f'{name} is not built: {path} does not exist. Build it with '
+            f'"cmake --build {build} --target {name}", or point HADRIX_BUILD_DIR at the build '
+            f'directory that has it.')
+    return path
+
+
+def template(name):
+    """Path of a mock template module in tests/integration/templates."""
+    path = TEMPLATES / f'{name}.py'
+    if not path.is_file():
+        raise FileNotFoundError(f'no mock template {path}')
+    return path
+
+
+class SocketDir:
+    """A short private directory for unix sockets.
+
+    sun_path holds at most 107 bytes, which pytest's per-test directories can exceed, so
+    sockets live in a directory of their own under /tmp.
+    """
+
+    def __init__(self):
+        self.path = Path(tempfile.mkdtemp(prefix='hx-', dir='/tmp'))
+
+    def __truediv__(self, name):
+        return self.path / name
+
+    def remove(self):
+        shutil.rmtree(self.path, ignore_errors=True)

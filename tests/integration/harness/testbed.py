@@ -1,0 +1,151 @@
+"""USB sound devices in a umockdev testbed.
+
+The test process must run under the umockdev preload (`umockdev-wrapper /usr/bin/python3 -m
+pytest`); programs started with UMOCKDEV_DIR=<testbed.root> (see `env()`) then see the
+testbed's /sys and /dev instead of the machine's.
+
+    bed = Testbed()
+    headset = bed.add_headset(card=1, vid='0b0e', pid='245e', product='Evolve 20',
+                              manufacturer='Jabra', port='1-1')
+    bed.attach_ioctl(headset.control, EmulatedCard(1, stereo_headset()))
+    ...
+    bed.remove(headset)
+
+umockdev 0.17 has pitfalls these helpers take care of: /dev nodes come from DEVNAME/MAJOR/MINOR
+lines plus plain files made here (an "N:" line makes a pty that cannot be added again after
+removal), and removing a device sends no uevent, so "remove" is sent first, children before
+parents.
+"""
+import os
+from dataclasses import dataclass, field
+from typing import Dict
+
+import gi
+
+gi.require_version('UMockdev', '1.0')
+from gi.repository import UMockdev  # noqa: E402
+
+PCI_CONTROLLER = '/devices/pci0000:00/0000:00:14.0'
+SOUND_MAJOR = 116
+USB_DEVICE_MAJOR = 189
+
+
+class NotMocked(RuntimeError):
+    pass
+
+
+@dataclass
+class Headset:
+    """Paths of one USB headset in the testbed.
+
+    `sysfs` maps each device of the tree (usb, interface, card, controlC<N>, pcmC<N>D0p,
+    pcmC<N>D0c) to its /sys path, parents first; `control` is the /dev path of its control
+    node, `usb` the /sys path of the USB device and `card_path` that of the sound card.
+    """
+    card: int
+    usb: str
+    card_path: str
+    control: str
+    playback: str
+    capture: str
+    sysfs: Dict[str, str] = field(default_factory=dict)
+
+
+class Testbed:
+    __test__ = False  # not a pytest test class
+
+    def __init__(self):
+        self._bed = UMockdev.Testbed.new()
+        # in_mock_environment() caches its answer: ask only after the testbed exists.
+        if not UMockdev.in_mock_environment():
+            raise NotMocked('the test process is not under the umockdev preload; run pytest as '
+                            '"umockdev-wrapper /usr/bin/python3 -m pytest"')
+        self.root = self._bed.get_root_dir()
+        self._attached = []
+
+    def env(self):
+        """Variables for a child process that should see this testbed."""
+        return {'UMOCKDEV_DIR': self.root}
+
+    def add_headset(self, card=1, vid='0b0e', pid='245e', product='USB Headset',
+                    manufacturer='ACME', port='1-1', devnum=2, card_id='Headset'):
+        """Adds a USB audio device on USB port `port` (bus-port, for example 1-1 or 1-1.2)
+        with sound card `card`: its control node and a playback and a capture PCM node.
+        Sends an "add" uevent for each device, parents first."""
+        bus = int(port.split('-', 1)[0])
+        usb = f'{PCI_CONTROLLER}/usb{bus}/{port}'
+        interface = f'{usb}/{port}:1.0'
+        card_path = f'{interface}/sound/card{card}'
+        nodes = {f'controlC{card}': card * 32, f'pcmC{card}D0p': card * 32 + 16,
+                 f'pcmC{card}D0c': card * 32 + 24}
+        self._make_dev_files(f'snd/{name}' for name in nodes)
+
+        records = [f'''P: {usb}
+E: DEVNAME=/dev/bus/usb/{bus:03d}/{devnum:03d}
+E: SUBSYSTEM=usb
+E: DEVTYPE=usb_device
+E: ID_VENDOR_ID={vid}
+E: ID_MODEL_ID={pid}
+A: idVendor={vid}
+A: idProduct={pid}
+A: product={product}
+A: manufacturer={manufacturer}
+A: busnum={bus}
+A: devnum={devnum}
+A: dev={USB_DEVICE_MAJOR}:{(bus - 1) * 128 + devnum - 1}
+''', f'''P: {interface}
+E: SUBSYSTEM=usb
+E: DEVTYPE=usb_interface
+E: INTERFACE=1/1/0
+A: bInterfaceClass=01
+A: bInterfaceSubClass=01
+A: bInterfaceNumber=00
+''', f'''P: {card_path}
+E: SUBSYSTEM=sound
+A: id={card_id}
+A: number={card}
+''']
+        for name, minor in nodes.items():
+            records.append(f'''P: {card_path}/{name}
+E: DEVNAME=/dev/snd/{name}
+E: MAJOR={SOUND_MAJOR}
+E: MINOR={minor}
+E: SUBSYSTEM=sound
+A: dev={SOUND_MAJOR}:{minor}
+''')
+        self._bed.add_from_string('\n'.join(records))
+
+        sysfs = {'usb': '/sys' + usb, 'interface': '/sys' + interface, 'card': '/sys' + card_path}
+        sysfs.update({name: f'/sys{card_path}/{name}' for name in nodes})
+        return Headset(card=card, usb=sysfs['usb'], card_path=sysfs['card'],
+                       control=f'/dev/snd/controlC{card}', playback=f'/dev/snd/pcmC{card}D0p',
+                       capture=f'/dev/snd/pcmC{card}D0c', sysfs=sysfs)
+
+    def remove(self, headset):
+        """Unplugs a headset: a "remove" uevent for each device, children first, then the
+        device itself (its /sys directory and /dev node)."""
+        for path in reversed(list(headset.sysfs.values())):
+            self._bed.uevent(path, 'remove')
+            self._bed.remove_device(path)
+
+    def attach_ioctl(self, dev_path, handler):
+        """Serves the ioctls on a /dev node with a UMockdev.IoctlBase handler."""
+        if not self._bed.attach_ioctl(dev_path, handler):
+            raise RuntimeError(f'cannot attach an ioctl handler to {dev_path}')
+        self._attached.append(dev_path)
+
+    def detach_ioctl(self, dev_path):
+        self._bed.detach_ioctl(dev_path)
+        self._attached.remove(dev_path)
+
+    def close(self):
+        for dev_path in list(self._attached):
+            self.detach_ioctl(dev_path)
+        self._bed = None
+
+    def _make_dev_files(self, names):
+        # Before the uevents go out: a listener may look at the node as soon as it hears "add".
+        for name in names:
+            path = os.path.join(self.root, 'dev', name)
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+            open(path, 'a').close()

@@ -1,0 +1,92 @@
+"""The settings store across processes: the service, hadrix-settings, and restarts."""
+import signal
+
+from harness.wait import wait_until
+
+LANGUAGE = 'db/menu_widget/language'
+VOLUME = 'db/hadrix/volume_level'
+
+
+def test_language_set_by_another_process_reaches_the_service(daemon, settings_cli):
+    hadrix = daemon.start()
+    hadrix.wait_for_log(f'Add vconf key callback {LANGUAGE}')
+
+    mark = hadrix.log.mark()
+    assert settings_cli('set', LANGUAGE, 'string', 'C.UTF-8').returncode == 0
+    hadrix.wait_for_log('setlocale ret : C.UTF-8', since=mark)
+
+    mark = hadrix.log.mark()
+    assert settings_cli('set', LANGUAGE, 'string', 'xx_NOWHERE.UTF-8').returncode == 0
+    hadrix.wait_for_log('setlocale return null', since=mark)
+    assert hadrix.running()
+
+
+def test_stored_volume_survives_a_restart(daemon, settings_cli, hadrix_root):
+    first = daemon.start()
+    first.wait_for_log('set to default :50')
+
+    assert settings_cli('set', VOLUME, 'int', '35').returncode == 0
+    assert first.stop() == 0
+
+    second = daemon.start()
+    second.wait_for_log('get usb sound volume level 35')
+    assert hadrix_root.get_setting(VOLUME) == ('int', '35')
+
+
+def test_cli_get_set_unset_round_trip(settings_cli, hadrix_root):
+    missing = settings_cli('get', VOLUME)
+    assert (missing.returncode, missing.stdout) == (1, '')
+
+    assert settings_cli('set', VOLUME, 'int', '42').returncode == 0
+    stored = settings_cli('get', VOLUME)
+    assert (stored.returncode, stored.stdout) == (0, 'int:42\n')
+    assert (hadrix_root.settings_dir / VOLUME).read_text() == 'int:42\n'
+
+    volatile = 'memory/tv-viewer/show_ext_volume'
+    assert settings_cli('set', volatile, 'string', 'volume 7').returncode == 0
+    assert (hadrix_root.runtime_settings_dir / volatile).read_text() == 'string:volume 7\n'
+    assert settings_cli('get', volatile).stdout == 'string:volume 7\n'
+
+    assert settings_cli('unset', VOLUME).returncode == 0
+    assert settings_cli('get', VOLUME).returncode == 1
+    assert not (hadrix_root.settings_dir / VOLUME).exists()
+
+
+def test_cli_refuses_bad_usage_and_keeps_the_value(settings_cli, hadrix_root):
+    hadrix_root.set_setting(VOLUME, 60)
+
+    for args in (('set', VOLUME, 'int', 'loud'), ('set', VOLUME, 'colour', 'red'),
+                 ('set', VOLUME, 'int'), ('get',), ('frobnicate', VOLUME)):
+        result = settings_cli(*args)
+        assert result.returncode == 2, args
+        assert 'Usage' in result.stderr, args
+
+    assert hadrix_root.get_setting(VOLUME) == ('int', '60')
+
+
+def test_cli_reads_values_written_by_the_store_format(settings_cli, hadrix_root):
+    hadrix_root.set_setting('db/setting/accessibility/tts', True)
+    hadrix_root.setting_path('db/no/newline').parent.mkdir(parents=True)
+    hadrix_root.setting_path('db/no/newline').write_text('int:7')
+
+    assert settings_cli('get', 'db/setting/accessibility/tts').stdout == 'bool:1\n'
+    assert settings_cli('get', 'db/no/newline').stdout == 'int:7\n'
+
+
+def test_cli_watch_prints_every_change(launcher, settings_cli):
+    key = 'memory/tv-viewer/volume_event_value'
+    watch = launcher.start(settings_cli.path, ['watch', key], label='watch')
+
+    # The watch is registered some time after the start; write until it reports.
+    wait_until(lambda: settings_cli('set', key, 'int', '1').returncode == 0 and
+               watch.out.find(f'{key}=int:1'), timeout=5, interval=0.1,
+               what='the watch to report a write')
+
+    mark = watch.out.mark()
+    assert settings_cli('set', key, 'string', 'second').returncode == 0
+    watch.wait_for_output(f'{key}=string:second', since=mark)
+    assert settings_cli('set', key, 'bool', 'true').returncode == 0
+    watch.wait_for_output(f'{key}=bool:1', since=mark)
+    assert watch.out.lines(since=mark) == [f'{key}=string:second', f'{key}=bool:1']
+
+    assert watch.stop(signal.SIGTERM) == 0
