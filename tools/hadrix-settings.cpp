@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <csignal>
+#include <fcntl.h>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include <glib.h>
 #include <optional>
 #include <string>
+#include <unistd.h>
 
 namespace {
 
@@ -31,8 +33,9 @@ const char kUsageText[] =
     "get    prints the stored value as TYPE:VALUE, e.g. int:50, bool:1, double:0.5, string:Hello\n"
     "set    stores VALUE as TYPE\n"
     "unset  removes the key\n"
-    "watch  prints KEY=TYPE:VALUE for every write of the key (KEY=none once it is gone)\n"
-    "       until SIGINT or SIGTERM\n"
+    "watch  prints KEY=TYPE:VALUE for every completed write of the key until SIGINT or\n"
+    "       SIGTERM (KEY=none if it was removed again before the change was read; removing\n"
+    "       a key prints nothing)\n"
     "\n"
     "Exit status: 0 done, 1 the key is missing, unreadable or could not be changed, 2 usage error.\n"
     "The settings store logs on standard error; HADRIX_LOG_LEVEL (debug|info|warn|error, here\n"
@@ -57,13 +60,40 @@ std::string FormatDouble(double value)
     return ec == std::errc() ? std::string(buffer, end) : std::string();
 }
 
+// Sends standard error to /dev/null while it lives.
+class MutedStderr {
+public:
+    MutedStderr() : saved_(dup(STDERR_FILENO))
+    {
+        int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (null >= 0) {
+            dup2(null, STDERR_FILENO);
+            close(null);
+        }
+    }
+    ~MutedStderr()
+    {
+        if (saved_ >= 0) {
+            dup2(saved_, STDERR_FILENO);
+            close(saved_);
+        }
+    }
+    MutedStderr(const MutedStderr &) = delete;
+    MutedStderr &operator=(const MutedStderr &) = delete;
+
+private:
+    int saved_;
+};
+
 // The stored value as TYPE:VALUE. The store has no type query, so each typed getter is tried;
-// only the stored type's getter succeeds.
+// only the stored type's getter succeeds. The first try logs why the key cannot be read at all
+// (bad name, malformed file); the later ones could only repeat that, so they are muted.
 std::optional<std::string> ReadTyped(const char *key)
 {
     int number = 0;
     if (vconf_get_int(key, &number) == 0)
         return "int:" + std::to_string(number);
+    MutedStderr muted;
     if (vconf_get_bool(key, &number) == 0)
         return std::string("bool:") + (number ? "1" : "0");
     double real = 0.0;

@@ -21,11 +21,28 @@ from harness.root import HadrixRoot  # noqa: E402
 
 _reporters = pytest.StashKey[list]()
 
+# Tests that may be skipped, by node id, each with the reason. Any other skip fails the run: a
+# test that silently does not run proves nothing.
+ALLOWED_SKIPS = {}
+
 
 def pytest_configure(config):
     if not config.pluginmanager.hasplugin('timeout'):
         raise pytest.UsageError('the integration tests need pytest-timeout '
                                 '(Debian package python3-pytest-timeout)')
+
+
+@pytest.hookimpl(trylast=True)
+def pytest_sessionfinish(session, exitstatus):
+    reporter = session.config.pluginmanager.get_plugin('terminalreporter')
+    if reporter is None:
+        return
+    unlisted = [report.nodeid for report in reporter.stats.get('skipped', [])
+                if report.nodeid not in ALLOWED_SKIPS]
+    if unlisted:
+        reporter.write_line('skipped tests not listed in conftest.ALLOWED_SKIPS: '
+                            + ', '.join(unlisted), red=True)
+        session.exitstatus = pytest.ExitCode.TESTS_FAILED
 
 
 def add_reporter(request, reporter):
