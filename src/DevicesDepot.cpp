@@ -13,6 +13,7 @@
 #include <json/json.h>
 
 #include "Log.h"
+#include "UniqueFd.h"
 #include "nimbos/paths.h"
 
 namespace {
@@ -21,38 +22,22 @@ namespace {
 // the service wrote, and parsing it would only cost memory and time.
 constexpr size_t kMaxDepotBytes = 1024 * 1024;
 
-class ScopedFd {
-public:
-    explicit ScopedFd(int fd) : m_fd(fd) {}
-    ~ScopedFd()
-    {
-        if (m_fd >= 0)
-            close(m_fd);
-    }
-    ScopedFd(const ScopedFd &) = delete;
-    ScopedFd &operator=(const ScopedFd &) = delete;
-    int Get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
 enum class ReadResult { Ok, CannotOpen, TooLarge };
 
 // Reads a regular file whole. Non-blocking open, so that a FIFO or device put in the depot's
 // place cannot stall the caller; such files are refused as unreadable.
 ReadResult ReadDepotFile(const std::string &path, std::string &content)
 {
-    ScopedFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (fd.Get() < 0)
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    if (fd.get() < 0)
         return ReadResult::CannotOpen;
     struct stat st {};
-    if (fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode))
+    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
         return ReadResult::CannotOpen;
 
     char buffer[16 * 1024];
     for (;;) {
-        ssize_t n = read(fd.Get(), buffer, sizeof buffer);
+        ssize_t n = read(fd.get(), buffer, sizeof buffer);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)

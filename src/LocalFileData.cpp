@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "HadrixUtil.h"
+#include "UniqueFd.h"
 #include "nimbos/paths.h"
 
 namespace {
@@ -16,30 +17,6 @@ constexpr int kDefaultVolumeLevel = 50;
 constexpr int kMaxVolumeLevel = 100;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kDirMode = 0755;
-
-// Owns a file descriptor; closes it on every path.
-class Fd {
-public:
-    explicit Fd(int fd) : m_fd(fd) {}
-    ~Fd()
-    {
-        if (m_fd >= 0)
-            close(m_fd);
-    }
-    Fd(const Fd &) = delete;
-    Fd &operator=(const Fd &) = delete;
-    int get() const { return m_fd; }
-    // Closes now and reports the result, for callers that must know a write reached the disk.
-    int Close()
-    {
-        int ret = close(m_fd);
-        m_fd = -1;
-        return ret;
-    }
-
-private:
-    int m_fd;
-};
 
 void MakeParentDirs(const std::string &path)
 {
@@ -68,7 +45,7 @@ bool WriteAll(int fd, const char *data, size_t size)
 bool ReplaceFile(const std::string &path, const char *data, size_t size)
 {
     std::string temp = path + ".XXXXXX";
-    Fd fd(mkostemp(&temp[0], O_CLOEXEC));
+    UniqueFd fd(mkostemp(&temp[0], O_CLOEXEC));
     if (fd.get() < 0)
         return false;
     bool written = fchmod(fd.get(), kFileMode) == 0 && WriteAll(fd.get(), data, size) && fsync(fd.get()) == 0;
@@ -116,7 +93,7 @@ void CLocalFileData::m_CreateFile(const std::string &path)
     MakeParentDirs(resolved);
     // Synchronous open and fsync: the marker must survive a power cut right after it is made.
     // O_NOFOLLOW: a link planted at the marker's place is never followed.
-    Fd fd(open(resolved.c_str(), O_RDONLY | O_CREAT | O_SYNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    UniqueFd fd(open(resolved.c_str(), O_RDONLY | O_CREAT | O_SYNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
     if (fd.get() < 0) {
         LOGE("open %s fail: %d", path.c_str(), fd.get());
         return;
@@ -132,7 +109,7 @@ void CLocalFileData::m_CreateFile(const std::string &path)
 void CLocalFileData::ReadFromFile(const std::string &path, std::string &content)
 {
     content.clear();
-    Fd fd(open(nimbos::Path(path).c_str(), O_RDONLY | O_CLOEXEC));
+    UniqueFd fd(open(nimbos::Path(path).c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.get() < 0) {
         LOGE("open file error path:%s", path.c_str());
         return;
@@ -169,7 +146,7 @@ void CLocalFileData::AppendToFile(const std::string &path, const char *data, siz
     LOGD("write to file %s  size %zu", path.c_str(), size);
     std::string resolved = nimbos::Path(path);
     MakeParentDirs(resolved);
-    Fd fd(open(resolved.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    UniqueFd fd(open(resolved.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kFileMode));
     if (fd.get() < 0) {
         LOGE("open file error");
         return;
