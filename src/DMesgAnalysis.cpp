@@ -31,6 +31,7 @@ constexpr unsigned long RETRY_WAIT_MS = 1000;
 constexpr uint32_t EVENT_SETTLE_MS = 5000;
 // A device found this soon after boot was plugged in before the TV started.
 constexpr uint32_t BOOT_SETTLE_MS = 30000;
+// Up to this uptime the log is still filling with boot-time detections: every trigger parses.
 constexpr uint32_t BOOT_PARSE_WINDOW_MS = 29999;
 
 // A kernel message is at most 1024 bytes; past that a "line" is garbage and only its first
@@ -40,6 +41,7 @@ constexpr size_t MAX_PORT_LENGTH = 64;
 constexpr int MAX_LOGGED_STAMP = 32;
 
 constexpr size_t ID_DIGITS = 4;
+constexpr size_t SEARCH_WINDOW = 64 * 1024;
 
 const char *const LOG_COPY_PATH = "/tmp/dmesg.txt";
 const char *const MARKER_CORE_INIT = "usb_enable mod ld";
@@ -75,14 +77,33 @@ unsigned long AsUL(uint32_t value)
     return static_cast<unsigned long>(value);
 }
 
-// Calls onHit with every occurrence of marker in the NUL-terminated text, in order. Returns
-// whether there was any.
-template <typename OnHit>
-bool ForEachOccurrence(const char *text, const char *marker, OnHit onHit)
+// The first occurrence of marker in [from, end). Searched a window at a time, so that each search
+// hands memmem a stretch of bounded size: sanitizer runtimes check the whole range passed to it,
+// which over the rest of a large log for every hit would cost as much as the parse many times over.
+const char *FindMarker(const char *from, const char *end, const char *marker, size_t markerLen)
 {
-    bool any = false;
+    while (static_cast<size_t>(end - from) >= markerLen) {
+        size_t window = std::min(static_cast<size_t>(end - from), SEARCH_WINDOW + markerLen - 1);
+        const void *hit = memmem(from, window, marker, markerLen);
+        if (hit)
+            return static_cast<const char *>(hit);
+        // The next window overlaps this one by less than a marker, so no occurrence falls between.
+        from += window - (markerLen - 1);
+    }
+    return nullptr;
+}
+
+// Calls onHit with every occurrence of marker in the text, in order. Returns whether there was
+// any. The text holds no NUL before its end, so this finds what strstr would; with the length
+// known, no search has to measure the rest of the text again.
+template <typename OnHit>
+bool ForEachOccurrence(const char *text, size_t len, const char *marker, OnHit onHit)
+{
+    const char *end = text + len;
     size_t markerLen = strlen(marker);
-    for (const char *hit = strstr(text, marker); hit; hit = strstr(hit + markerLen, marker)) {
+    bool any = false;
+    for (const char *hit = FindMarker(text, end, marker, markerLen); hit;
+         hit = FindMarker(hit + markerLen, end, marker, markerLen)) {
         any = true;
         onHit(hit);
     }
@@ -148,26 +169,22 @@ StampScan ScanBackForStamp(const char *text, const char *floor, const char *pos)
     return scan;
 }
 
-const char *FindInRange(const char *begin, const char *end, const char *tag)
-{
-    return static_cast<const char *>(memmem(begin, static_cast<size_t>(end - begin), tag, strlen(tag)));
-}
-
 // The four characters after tag within [begin, end), or empty.
 std::string IdDigitsAfter(const char *begin, const char *end, const char *tag)
 {
-    const char *found = FindInRange(begin, end, tag);
+    size_t tagLen = strlen(tag);
+    const char *found = static_cast<const char *>(memmem(begin, static_cast<size_t>(end - begin), tag, tagLen));
     if (!found)
         return {};
-    const char *digits = found + strlen(tag);
+    const char *digits = found + tagLen;
     if (static_cast<size_t>(end - digits) < ID_DIGITS)
         return {};
     return std::string(digits, ID_DIGITS);
 }
 
+// The text as it was parsed, kept for diagnosis.
 void SaveLogCopy(const std::string &suffix, const char *text, size_t len)
 {
-    // A size of 0 would mean "up to the first NUL", which for an empty text is the same.
     CLocalFileData::GetInstance()->WriteToFile(LOG_COPY_PATH + suffix, text, len);
 }
 
@@ -560,7 +577,7 @@ std::string CDMesgAnalysis::m_ParseRightVendorProductId(const char *text, size_t
 
 void CDMesgAnalysis::m_ParseUsbCoreInitalTime(const char *text, size_t len)
 {
-    const char *hit = strstr(text, MARKER_CORE_INIT);
+    const char *hit = FindMarker(text, text + len, MARKER_CORE_INIT, strlen(MARKER_CORE_INIT));
     if (!hit) {
         LOGD("[START] fail to find string [%s]", MARKER_CORE_INIT);
         m_UsbCoreInitTime = TIME_UNKNOWN;
@@ -572,7 +589,7 @@ void CDMesgAnalysis::m_ParseUsbCoreInitalTime(const char *text, size_t len)
 void CDMesgAnalysis::m_ParseUsbDeviceDetectedByDriverer(const char *text, size_t len)
 {
     BackwardMemo memo(text);
-    ForEachOccurrence(text, MARKER_DRIVER_DETECTED, [&](const char *hit) {
+    ForEachOccurrence(text, len, MARKER_DRIVER_DETECTED, [&](const char *hit) {
         std::string id = m_ParseRightVendorProductId(text, len, hit);
         if (!id.empty())
             m_DetectedByDriver[id] = m_ParseLeftNearestTimeStamp(text, len, hit, &memo);
@@ -582,7 +599,7 @@ void CDMesgAnalysis::m_ParseUsbDeviceDetectedByDriverer(const char *text, size_t
 void CDMesgAnalysis::m_ParseUsbDeviceDetectedByDevicePort(const char *text, size_t len)
 {
     BackwardMemo memo(text);
-    ForEachOccurrence(text, MARKER_PORT_DETECTED, [&](const char *hit) {
+    ForEachOccurrence(text, len, MARKER_PORT_DETECTED, [&](const char *hit) {
         std::string port = m_ParseLeftUsbPort(text, len, hit, &memo);
         if (!port.empty())
             m_DetectedByPort[port] = m_ParseLeftNearestTimeStamp(text, len, hit, &memo);
@@ -592,7 +609,7 @@ void CDMesgAnalysis::m_ParseUsbDeviceDetectedByDevicePort(const char *text, size
 bool CDMesgAnalysis::m_ParseUsbDeviceDisconnected(const char *text, size_t len)
 {
     BackwardMemo memo(text);
-    return ForEachOccurrence(text, MARKER_DISCONNECTED, [&](const char *hit) {
+    return ForEachOccurrence(text, len, MARKER_DISCONNECTED, [&](const char *hit) {
         std::string port = m_ParseLeftUsbPort(text, len, hit, &memo);
         uint32_t disconnected = m_ParseLeftNearestTimeStamp(text, len, hit, &memo);
         auto it = m_DetectedByPort.find(port);

@@ -22,7 +22,8 @@ public:
     static constexpr uint32_t TIME_UNKNOWN = UINT32_MAX;
 
     // The system the analysis reads: klogctl(action, buf, len), the monotonic uptime in ms and a
-    // sleep in ms. Tests hand in their own before they use the analyser.
+    // sleep in ms. Tests hand in their own before they use the analyser; a member left empty
+    // keeps the real one.
     struct SystemHooks {
         std::function<int(int action, char *buf, int len)> readKernelLog;
         std::function<uint32_t()> uptime;

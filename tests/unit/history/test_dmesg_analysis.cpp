@@ -186,6 +186,21 @@ TEST_F(DMesgAnalysisTest, RememberedScansAgreeWithFreshScansOnRandomText)
     }
 }
 
+// The log is searched a window at a time; a marker on a window's edge must still be found.
+TEST_F(DMesgAnalysisTest, MarkersOnSearchWindowEdgesAreFound)
+{
+    const std::string line = PlugLine(3000, "1-1");
+    const size_t markerOffset = line.find(" new full-speed");
+    for (size_t straddle = 0; straddle <= 40; ++straddle) {
+        // The marker starts `straddle` bytes before the 64 KiB mark.
+        std::string text(64 * 1024 - straddle - markerOffset - 1, 'x');
+        text += "\n" + line;
+        Analysis analysis;
+        analysis.m_ParseUsbDeviceDetectedByDevicePort(text.c_str(), text.size());
+        EXPECT_EQ(analysis.GetUsbDetectedTimeByDevPath(PATH_1_1), 3000u) << "straddle " << straddle;
+    }
+}
+
 // --- Ports, ids --------------------------------------------------------------------------------
 
 TEST_F(DMesgAnalysisTest, PortOfALineMatchesThePortOfTheDevicePath)
@@ -410,16 +425,22 @@ TEST_F(DMesgAnalysisTest, GarbageNeverCrashes)
                                   " new full-speed USB device number", " USB disconnect completed",
                                   "usb_enable mod ld", "New USB device found, idVendor=04", "idProduct=",
                                   "\xff\xfe", "-", "99999999999999999999999.9"};
-    std::string log;
-    log.reserve(64u << 20);
-    while (log.size() < (64u << 20) - 4096) {
+    std::string block;
+    while (block.size() < (1u << 20)) {
         if (rng() % 4 == 0) {
-            log += pieces[rng() % (sizeof pieces / sizeof pieces[0])];
+            block += pieces[rng() % (sizeof pieces / sizeof pieces[0])];
         } else {
-            for (int i = 0; i < 64; ++i)
-                log += static_cast<char>(rng());
+            for (int i = 0; i < 16; ++i) {
+                uint32_t word = static_cast<uint32_t>(rng());
+                block.append(reinterpret_cast<const char *>(&word), sizeof word);
+            }
         }
     }
+    // A 64 MiB ring buffer of it (a megabyte of garbage, over and over).
+    std::string log;
+    log.reserve(64u << 20);
+    while (log.size() + block.size() < (64u << 20))
+        log += block;
     log += "\n<6>[7000.000000] usb 3-1: new full-speed USB device number 9 using xhci_hcd\n";
     log += "<6>[7000.100000] usb 3-1: New USB device found, idVendor=04";
 
