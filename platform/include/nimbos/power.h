@@ -26,8 +26,9 @@ typedef void (*device_power_state_changed_cb)(_device_power_state_info *info, vo
 /* The current state code (0 or more), or a negative device_power_error_e. */
 int device_power_get_state(void);
 
-/* Calls cb on the main context of the subscribing thread for every change of state. One
- * subscription per callback; subscribing it again replaces its user data.
+/* Calls cb on the thread-default main context of the subscribing thread for every change of
+ * state. One subscription per callback; subscribing it again replaces its user data.
+ * Unsubscribing a callback that is not subscribed is an invalid parameter.
  * Return 0 or a negative device_power_error_e. */
 int device_power_subscribe_state_changed_event(device_power_state_changed_cb cb, void *user_data);
 int device_power_unsubscribe_state_changed_event(device_power_state_changed_cb cb);

@@ -23,7 +23,8 @@ typedef enum {
     SOUND_TV_OUTPUT_ROUTE_RANGE_END = 0x7fffffff,
 } sound_tv_output_route_e;
 
-/* Called on the main context of the registering thread when the TV's output route changes. */
+/* Called on the thread-default main context of the registering thread when the TV's output
+ * route changes. A callback may unset itself. */
 typedef void (*sound_manager_speaker_changed_cb)(sound_tv_output_route_e route, void *user_data);
 /* As above for the route of one multiview zone. */
 typedef void (*sound_manager_multiview_speaker_selection_changed_cb)(sound_tv_output_route_e route,
@@ -31,9 +32,10 @@ typedef void (*sound_manager_multiview_speaker_selection_changed_cb)(sound_tv_ou
 
 /* Writes the current route to *route only on success. */
 int sound_manager_get_speaker_selection(sound_tv_output_route_e *route);
-/* A change of route is announced to the speaker-changed callback. */
+/* A change of route is announced to the speaker-changed callback. A negative route is an
+ * invalid parameter. */
 int sound_manager_set_speaker_selection(sound_tv_output_route_e route);
-/* One callback at a time: setting another replaces it. */
+/* One callback at a time: setting another replaces it. Unsetting when none is set succeeds. */
 int sound_manager_set_speaker_changed_cb(sound_manager_speaker_changed_cb cb, void *user_data);
 int sound_manager_unset_speaker_changed_cb(void);
 
@@ -45,7 +47,7 @@ int sound_manager_apply_unmute_fade_in(int type);
 /* Route of one multiview zone (zone ids come from zones.h). */
 int sound_manager_get_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e *route, int zone_id);
 int sound_manager_set_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e route, int zone_id);
-/* One callback at a time: setting another replaces it. */
+/* One callback at a time: setting another replaces it. Unsetting when none is set succeeds. */
 int sound_manager_set_multiview_speaker_selection_changed_cb(
     sound_manager_multiview_speaker_selection_changed_cb cb, void *user_data);
 int sound_manager_unset_multiview_speaker_selection_changed_cb(void);
