@@ -9,8 +9,11 @@
 #include "HadrixUtil.h"
 #include "LocalFileData.h"
 #include "Log.h"
+#include "PulseAudioHandler.h"
+#include "USBHeadsetMgr.h"
 #include "nimbos/app.h"
 #include "nimbos/paths.h"
+#include "nimbos/usb.h"
 #include "nimbos/watchdog.h"
 
 namespace {
@@ -77,6 +80,9 @@ bool service_app_create(void *)
 void service_app_terminate(void *)
 {
     LOGE("service_app_terminate");
+    usb_device_fini();
+    // A "Start" or "Stop" still on its way to the audio server is finished, not cut off.
+    CSingleton<CPulseAudioHandler>::GetInstance()->StopSendSignalToPulseAudio();
 }
 
 void service_app_control(app_control_h, void *)
@@ -94,6 +100,12 @@ int main(int argc, char *argv[])
     ApplyMenuLanguage();
     CUsbServiceUtil::AddVconfChangedCb(VCONF_KEY_MENU_LANGUAGE, OnMenuLanguageChanged, nullptr);
     BindTextDomain();
+
+    usb_device_init();
+    if (!CSingleton<CUSBHeadsetMgr>::GetInstance()) {
+        LOGE("CUSBHeadsetMgr::GetInstance() return null, quit");
+        return 0;
+    }
 
     StartWatchdogHeartbeat();
 

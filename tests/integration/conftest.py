@@ -16,8 +16,12 @@ from harness import paths  # noqa: E402
 from harness.bus import HADRIX_BUS_NAME, VOLUME_APP, MockService, SystemBus  # noqa: E402
 from harness.daemon import Launcher  # noqa: E402
 from harness.env import ChildEnv  # noqa: E402
+from harness.klog import KernelLog  # noqa: E402
 from harness.notify import NotifySocket  # noqa: E402
+from harness.platform import PlatformServices  # noqa: E402
+from harness.observer import SignalObserver  # noqa: E402
 from harness.root import HadrixRoot  # noqa: E402
+from harness.testbed import Testbed  # noqa: E402
 
 _reporters = pytest.StashKey[list]()
 
@@ -140,8 +144,8 @@ class Mocks:
         self.started = []
 
     def spawn(self, template, parameters=None, name=None):
-        mock = MockService(self.bus, self.child_env.build(), self.work_dir, template, parameters,
-                           name)
+        mock = MockService(self.bus, self.child_env.for_peer(), self.work_dir, template,
+                           parameters, name)
         self.started.append(mock)
         return mock
 
@@ -175,6 +179,16 @@ def notify_socket(socket_dir, child_env):
     sock.close()
 
 
+@pytest.fixture
+def bus_signals(system_bus, request):
+    """The audio-server and speaker-manager signals broadcast on the test's bus ("Start",
+    "Stop", "SpkDisconnected"): signals(member), wait_for(member, count, timeout)."""
+    observer = SignalObserver(system_bus.address)
+    add_reporter(request, observer.report)
+    yield observer
+    observer.stop()
+
+
 class Tool:
     """Runs a program of the build to its end with the test's environment."""
 
@@ -196,3 +210,40 @@ def settings_cli(launcher):
 def probe(launcher):
     """hadrix-probe with the test's environment: probe('launch-app', key, value)."""
     return Tool(launcher, 'hadrix-probe')
+
+
+@pytest.fixture
+def kernel_log(child_env, tmp_path):
+    """The kernel log programs of the test read (through the klogctl shim): a KernelLog the
+    test writes, empty at first."""
+    log = KernelLog(tmp_path / 'kernel.log')
+    child_env.set('HADRIX_FAKE_KLOG', log.path)
+    child_env.preload(program('hadrix-klog-shim'))
+    return log
+
+
+@pytest.fixture
+def testbed(child_env):
+    """USB devices in a umockdev testbed that programs of the test see as the machine's."""
+    bed = Testbed()
+    for key, value in bed.env().items():
+        child_env.set(key, value)
+    yield bed
+    bed.close()
+
+
+@pytest.fixture
+def fast_clock(child_env):
+    """Programs of the test run on a clock 100 times faster (libfaketime): for the service's
+    long timers. Uptimes then no longer match kernel-log time stamps."""
+    if not paths.FAKETIME_LIBS:
+        pytest.fail('libfaketime is not installed (Debian package libfaketime)', pytrace=False)
+    child_env.set('FAKETIME', '+0 x100')
+    child_env.preload(paths.FAKETIME_LIBS[0])
+
+
+@pytest.fixture
+def platform_services(mocks):
+    """platform_services(route=7, power_state=0, cards=(), audio_server=True, **audio-server
+    options) starts them."""
+    return lambda **options: PlatformServices(mocks.spawn, **options)

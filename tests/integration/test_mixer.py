@@ -10,18 +10,8 @@ import pytest
 from harness.alsa_card import (BOOLEAN, CARD, ENUMERATED, INTEGER, Control, EmulatedCard,
                                Write, gaming_headset, headset_at_max, stereo_headset)
 from harness.log import parse
-from harness.testbed import Testbed
 
 CARD_NUMBER = 1
-
-
-@pytest.fixture
-def testbed(child_env):
-    bed = Testbed()
-    for key, value in bed.env().items():
-        child_env.set(key, value)
-    yield bed
-    bed.close()
 
 
 @pytest.fixture

@@ -41,6 +41,14 @@ class ChildEnv:
                 ordered.append(lib)
         return ordered
 
+    def for_peer(self):
+        """The environment of a peer of the programs under test (a mock service): the same
+        variables, but none of the libraries preloaded into the programs under test."""
+        env = dict(self.vars)
+        if self._inherited_preload:
+            env['LD_PRELOAD'] = ':'.join(self._inherited_preload)
+        return env
+
     def build(self, extra=None, preload=()):
         """The environment dict for one child: this one plus per-start additions."""
         env = dict(self.vars)

@@ -12,7 +12,11 @@ PROGRAMS = {
     'hadrix': 'src/hadrix',
     'hadrix-settings': 'tools/hadrix-settings',
     'hadrix-probe': 'tests/integration/hadrix-probe',
+    'hadrix-klog-shim': 'tests/shims/libhadrix-klog-shim.so',
 }
+
+# libfaketime's preload library: Debian installs it under the multiarch directory.
+FAKETIME_LIBS = sorted(Path('/usr/lib').glob('*/faketime/libfaketime.so.1'))
 
 
 class MissingProgram(Exception):

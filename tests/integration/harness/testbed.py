@@ -25,9 +25,23 @@ import gi
 gi.require_version('UMockdev', '1.0')
 from gi.repository import UMockdev  # noqa: E402
 
-PCI_CONTROLLER = '/devices/pci0000:00/0000:00:14.0'
+# Shaped like the TV's: no ':' before the USB interface, which the kernel-log port rule relies on.
+USB_CONTROLLER = '/devices/platform/soc/xhci-hcd.0'
 SOUND_MAJOR = 116
 USB_DEVICE_MAJOR = 189
+# udev's mark of a sound card whose controls are set up: the card is ready for use.
+INITIALIZED_LINE = 'E: SOUND_INITIALIZED=1\n'
+
+
+def _usb_device_path(port):
+    """sysfs path of the USB device on `port`: a device behind a hub sits below the hub
+    (1-1.2 is /usb1/1-1/1-1.2)."""
+    bus = int(port.split('-', 1)[0])
+    path = f'{USB_CONTROLLER}/usb{bus}'
+    hops = port.split('.')
+    for depth in range(1, len(hops) + 1):
+        path += '/' + '.'.join(hops[:depth])
+    return path
 
 
 class NotMocked(RuntimeError):
@@ -68,12 +82,16 @@ class Testbed:
         return {'UMOCKDEV_DIR': self.root}
 
     def add_headset(self, card=1, vid='0b0e', pid='245e', product='USB Headset',
-                    manufacturer='ACME', port='1-1', devnum=2, card_id='Headset'):
-        """Adds a USB audio device on USB port `port` (bus-port, for example 1-1 or 1-1.2)
-        with sound card `card`: its control node and a playback and a capture PCM node.
-        Sends an "add" uevent for each device, parents first."""
+                    manufacturer='ACME', port='1-1', devnum=2, card_id='Headset',
+                    initialized=True, interface_class=1):
+        """Adds a USB audio device on USB port `port` (bus-port, for example 1-1, or 1-1.2 for
+        port 2 of a hub on 1-1, see add_hub) with sound card `card`: its control node and a
+        playback and a capture PCM node. Sends an "add" uevent for each device, parents first.
+        With `initialized` the card carries SOUND_INITIALIZED from the start (its controls are
+        ready); without, it waits for initialize(). `interface_class` is the USB class of the
+        interface carrying the card (1, audio, for a headset)."""
         bus = int(port.split('-', 1)[0])
-        usb = f'{PCI_CONTROLLER}/usb{bus}/{port}'
+        usb = _usb_device_path(port)
         interface = f'{usb}/{port}:1.0'
         card_path = f'{interface}/sound/card{card}'
         nodes = {f'controlC{card}': card * 32, f'pcmC{card}D0p': card * 32 + 16,
@@ -97,12 +115,12 @@ A: dev={USB_DEVICE_MAJOR}:{(bus - 1) * 128 + devnum - 1}
 E: SUBSYSTEM=usb
 E: DEVTYPE=usb_interface
 E: INTERFACE=1/1/0
-A: bInterfaceClass=01
+A: bInterfaceClass={interface_class:02x}
 A: bInterfaceSubClass=01
 A: bInterfaceNumber=00
 ''', f'''P: {card_path}
 E: SUBSYSTEM=sound
-A: id={card_id}
+{INITIALIZED_LINE if initialized else ''}A: id={card_id}
 A: number={card}
 ''']
         for name, minor in nodes.items():
@@ -120,6 +138,45 @@ A: dev={SOUND_MAJOR}:{minor}
         return Headset(card=card, usb=sysfs['usb'], card_path=sysfs['card'],
                        control=f'/dev/snd/controlC{card}', playback=f'/dev/snd/pcmC{card}D0p',
                        capture=f'/dev/snd/pcmC{card}D0c', sysfs=sysfs)
+
+    def initialize(self, headset):
+        """Marks the card's controls ready, as udev does once the card is set up: the
+        SOUND_INITIALIZED property and a "change" uevent of the card."""
+        UMockdev.Testbed.set_property(self._bed, headset.card_path, 'SOUND_INITIALIZED', '1')
+        self._bed.uevent(headset.card_path, 'change')
+
+    def add_hub(self, port='1-1', devnum=2):
+        """Adds a USB hub on `port`; devices on its ports are at `<port>.<n>`."""
+        bus = int(port.split('-', 1)[0])
+        self._bed.add_from_string(f'''P: {_usb_device_path(port)}
+E: DEVNAME=/dev/bus/usb/{bus:03d}/{devnum:03d}
+E: SUBSYSTEM=usb
+E: DEVTYPE=usb_device
+A: idVendor=05e3
+A: idProduct=0610
+A: product=USB2.0 Hub
+A: bDeviceClass=09
+A: busnum={bus}
+A: devnum={devnum}
+A: dev={USB_DEVICE_MAJOR}:{(bus - 1) * 128 + devnum - 1}
+''')
+        return '/sys' + _usb_device_path(port)
+
+    def add_onboard_card(self, card=0, card_id='PCH'):
+        """Adds an initialised sound card on a PCI audio controller (no USB device above it);
+        returns the card's /sys path."""
+        card_path = f'/devices/pci0000:00/0000:00:1f.3/sound/card{card}'
+        self._bed.add_from_string(f'''P: /devices/pci0000:00/0000:00:1f.3
+E: SUBSYSTEM=pci
+E: PCI_CLASS=40300
+A: class=0x040300
+
+P: {card_path}
+E: SUBSYSTEM=sound
+{INITIALIZED_LINE}A: id={card_id}
+A: number={card}
+''')
+        return '/sys' + card_path
 
     def remove(self, headset):
         """Unplugs a headset: a "remove" uevent for each device, children first, then the

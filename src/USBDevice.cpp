@@ -1,0 +1,525 @@
+#include "USBDevice.h"
+
+#include <algorithm>
+#include <memory>
+
+#include "DMesgAnalysis.h"
+#include "DevicesDepot.h"
+#include "DevicesDetected.h"
+#include "HadrixUtil.h"
+#include "KPILog.h"
+#include "LocalFileData.h"
+#include "Log.h"
+#include "PulseAudioHandler.h"
+#include "SoundManagerHandler.h"
+#include "SpeakerManagerHandler.h"
+#include "USBHeadsetMgr.h"
+#include "UsbMixer.h"
+#include "UsbOutputChoice.h"
+
+namespace {
+
+constexpr int kBootInitTries = 10;
+constexpr int kStandbyInitTries = 10;
+constexpr unsigned int kInitRetryMs = 1000;
+constexpr unsigned int kRestVolumeDelayMs = 40000;
+
+// The kernel's table of USB devices, kept beside the kernel-log copies for diagnosis.
+constexpr char kUsbDeviceTable[] = "/sys/kernel/debug/usb/devices";
+constexpr char kUsbDeviceTableCopy[] = "/tmp/usb_devices_uptime_";
+
+struct DeviceListDeleter {
+    void operator()(usb_device_list_s *list) const { usb_device_free_device_list(list); }
+};
+using DeviceListPtr = std::unique_ptr<usb_device_list_s, DeviceListDeleter>;
+
+std::string Text(const char *text)
+{
+    return text ? text : "";
+}
+
+// The record of a device as the enumeration library describes it; status idle, stamped now.
+USBDeviceInfo MakeRecord(usb_device_s *dev, int card)
+{
+    USBDeviceInfo info;
+    info.strProductName = Text(usb_device_get_product(dev));
+    info.nVendorId = usb_device_get_vendor_id(dev);
+    info.nProductId = usb_device_get_product_id(dev);
+    info.strDevPath = Text(usb_device_get_devpath(dev));
+    info.strManufature = Text(usb_device_get_manufacturer(dev));
+    info.nCardNum = card;
+    info.timeStamp = CUsbServiceUtil::GetUptime();
+    return info;
+}
+
+bool HasSoundNodes(int card)
+{
+    return CUsbServiceUtil::IsSndCtrlCardExist(card) && CUsbServiceUtil::IsSndPcmPlayExist(card);
+}
+
+void ParseKernelLog(GTask *task, gpointer, gpointer taskData, GCancellable *)
+{
+    CSingleton<CDMesgAnalysis>::GetInstance()->TriggerParse(GPOINTER_TO_INT(taskData) != 0);
+    g_task_return_boolean(task, TRUE);
+}
+
+} // namespace
+
+CUSBDevice::CUSBDevice()
+{
+    LOGD("CUSBDevice");
+}
+
+CUSBDevice::~CUSBDevice()
+{
+    LOGD("~CUSBDevice");
+    m_AbandonInitParse();
+    for (guint *id : {&m_RestVolumeTimerId, &m_DelayLeaveUSBModeTimerId, &m_USBStateCheckTimerId,
+                      &m_DelayQuitTimerId, &m_InitRetryTimerId})
+        m_RemoveTimer(*id);
+}
+
+void CUSBDevice::InitFromBoot()
+{
+    LOGI("[START]");
+    m_StartInit(InitKind::Boot, true, false);
+}
+
+void CUSBDevice::InitFromStandby()
+{
+    LOGI("[START]");
+    m_StartInit(InitKind::Standby, CSingleton<CUSBHeadsetMgr>::GetInstance()->IsResumeFromDeepStandby(), true);
+}
+
+// The kernel-log parse may retry for seconds when the log lacks what it looks for, so it runs on
+// a worker while the main loop goes on; the enumeration continues once it is done.
+void CUSBDevice::m_StartInit(InitKind kind, bool parse, bool forceParse)
+{
+    m_InitKind = kind;
+    if (!parse) {
+        m_AfterInitParse();
+        return;
+    }
+    m_AbandonInitParse();
+    m_InitCancellable = g_cancellable_new();
+    g_autoptr(GTask) task = g_task_new(nullptr, m_InitCancellable, m_OnInitParseDone, this);
+    g_task_set_task_data(task, GINT_TO_POINTER(forceParse ? 1 : 0), nullptr);
+    g_task_run_in_thread(task, ParseKernelLog);
+}
+
+void CUSBDevice::m_AbandonInitParse()
+{
+    if (m_InitCancellable)
+        g_cancellable_cancel(m_InitCancellable);
+    g_clear_object(&m_InitCancellable);
+}
+
+void CUSBDevice::m_OnInitParseDone(GObject *, GAsyncResult *result, gpointer data)
+{
+    GCancellable *cancellable = g_task_get_cancellable(G_TASK(result));
+    if (!data || g_cancellable_is_cancelled(cancellable))
+        return; // the manager that asked for it is gone
+    static_cast<CUSBDevice *>(data)->m_AfterInitParse();
+}
+
+void CUSBDevice::m_AfterInitParse()
+{
+    if (m_InitKind == InitKind::Boot) {
+        m_RemoveTimer(m_RestVolumeTimerId);
+        m_RestVolumeTimerId = g_timeout_add(kRestVolumeDelayMs, m_RestVolumeTimerCb, this);
+        CLocalFileData *files = CSingleton<CLocalFileData>::GetInstance();
+        if (!files->IsUSBServiceRunning()) {
+            files->SetUSBServiceRunning();
+            LOGI("usb sound service first launch recover to unmute state...");
+            files->SetMuteState(false);
+        }
+        m_MultiTryInitDevices(kBootInitTries);
+    } else {
+        m_MultiTryInitDevices(kStandbyInitTries);
+    }
+}
+
+// Passes 1000 ms apart until one finds devices or the tries run out; the waits are main-loop
+// timeouts, so hot-plug, power and client events are served in between.
+void CUSBDevice::m_MultiTryInitDevices(int tries)
+{
+    CSingleton<CDMesgAnalysis>::GetInstance();
+    m_InitTries = tries;
+    m_InitPass = 0;
+    m_RunInitPass();
+}
+
+gboolean CUSBDevice::m_InitRetryTimerCb(gpointer data)
+{
+    auto *self = static_cast<CUSBDevice *>(data);
+    self->m_InitRetryTimerId = 0;
+    self->m_RunInitPass();
+    return G_SOURCE_REMOVE;
+}
+
+void CUSBDevice::m_RunInitPass()
+{
+    ++m_InitPass;
+    LOGD("try to usb_device_list_get %d tail.", m_InitPass);
+    const bool found = m_InitDevice();
+    if (found || m_InitPass >= m_InitTries) {
+        m_OnInitDevicesDone(found);
+        return;
+    }
+    m_InitRetryTimerId = g_timeout_add(kInitRetryMs, m_InitRetryTimerCb, this);
+}
+
+bool CUSBDevice::m_InitDevice()
+{
+    usb_device_list_s *rawList = nullptr;
+    int ret = usb_device_get_device_list(&rawList);
+    DeviceListPtr list(rawList);
+    if (ret != USB_DEVICE_ERROR_NONE) {
+        LOGE("usb_device_get_device_list return : %d", ret);
+        return false;
+    }
+    const int count = usb_device_list_get_count(list.get());
+    LOGI("get usb audio devices count:%d", count);
+    if (count == 0) {
+        LOGI("audio USB count 0");
+        if (GetDeviceCnt() == 0)
+            LOGI("no usb headset connect");
+        return false;
+    }
+    usb_device_s *first = nullptr;
+    if (usb_device_list_get_first(list.get(), &first) != USB_DEVICE_ERROR_NONE || !first) {
+        LOGE("usb_device_list_get_first return fail");
+        return false;
+    }
+    usb_device_list_s *walked = list.get();
+    const int kept = m_ForeachDeviceList(count, first, walked);
+    if (kept == 0)
+        LOGI("boot audio usb devices 0");
+    return kept > 0;
+}
+
+// Returns how many devices of the list were taken into the attached list.
+int CUSBDevice::m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *&list)
+{
+    int kept = 0;
+    usb_device_s *dev = first;
+    for (int i = 0; i < count && dev; ++i) {
+        if (m_TakeEnumeratedDevice(dev))
+            ++kept;
+        if (usb_device_list_get_next(list, &dev) != USB_DEVICE_ERROR_NONE)
+            break;
+    }
+    return kept;
+}
+
+bool CUSBDevice::m_TakeEnumeratedDevice(usb_device_s *dev)
+{
+    if (usb_device_get_class(dev) != USB_DEVICE_CLASS_AUDIO)
+        return false;
+    const std::string devPath = Text(usb_device_get_devpath(dev));
+    LOGD("devPath : %s, productId : %d, device NO.%d", devPath.c_str(), usb_device_get_product_id(dev),
+         usb_device_get_number(dev));
+    int card = 0;
+    if (!CUsbServiceUtil::GetCardNum(devPath, &card))
+        return false;
+    LOGD("cardNum : %d", card);
+    if (!HasSoundNodes(card))
+        return false;
+    USBDeviceInfo info = MakeRecord(dev, card);
+    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId))
+        return false;
+    if (m_IsDeviceExist(devPath)) {
+        // A hot-plug event between two passes already recorded it.
+        LOGD("device have been exist");
+        return true;
+    }
+    info.bNotified = true; // present at start-up: nobody is told about it
+    info.bMaxVolumeFailed = m_SetMaxVolume(card) == MAX_VOLUME_WRITE_FAILED;
+    m_AppendDevice(info);
+    LOGD("save cardNum %d productId %d .", card, info.nProductId);
+    return true;
+}
+
+void CUSBDevice::m_OnInitDevicesDone(bool found)
+{
+    if (m_InitKind == InitKind::Boot)
+        m_FinishBoot(found);
+    else
+        m_FinishStandby(found);
+}
+
+void CUSBDevice::m_FinishBoot(bool found)
+{
+    if (!found) {
+        LOGI("No devices found.");
+        WaitOrDisableUSBOutputByEmptyDeviceList();
+        return;
+    }
+    m_RecordUsbDeviceTable();
+    if (CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode()) {
+        LOGI("switch to usb speaker as it is usb audio mode...");
+        m_SwitchToUSBSpeaker();
+    } else {
+        LOGI("Not usb audio mode...");
+        m_SwitchToUSBSpeakerIfPluggedByUser();
+    }
+}
+
+void CUSBDevice::m_SwitchToUSBSpeakerIfPluggedByUser()
+{
+    CDMesgAnalysis *analysis = CSingleton<CDMesgAnalysis>::GetInstance();
+    for (const USBDeviceInfo &device : GetDevices()) {
+        if (analysis->NeedChangeSpeaker(device.strDevPath)) {
+            LOGI("switch to usb speaker...");
+            m_SwitchToUSBSpeaker();
+            return;
+        }
+        LOGI("Not switch to usb speaker...");
+    }
+}
+
+void CUSBDevice::m_FinishStandby(bool found)
+{
+    CSingleton<CLocalFileData>::GetInstance()->SetMuteState(false);
+    if (!found) {
+        LOGI("No devices found.");
+        WaitOrDisableUSBOutputByEmptyDeviceList();
+        return;
+    }
+    if (CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode()) {
+        LOGI("switch to usb speaker as it is usb audio mode...");
+        m_SwitchToUSBSpeaker();
+    }
+}
+
+// Read and written as files (never through a shell redirect, which would follow a link planted
+// in /tmp); the debug file system is often unreadable, which is only logged.
+void CUSBDevice::m_RecordUsbDeviceTable()
+{
+    CLocalFileData *files = CSingleton<CLocalFileData>::GetInstance();
+    std::string table;
+    files->ReadFromFile(kUsbDeviceTable, table);
+    if (table.empty()) {
+        LOGW("no usb device table in %s", kUsbDeviceTable);
+        return;
+    }
+    const std::string copy = kUsbDeviceTableCopy + std::to_string(CUsbServiceUtil::GetUptime());
+    files->WriteToFile(copy, table.data(), table.size());
+}
+
+bool CUSBDevice::WaitDetect(bool &leaveAtOnce)
+{
+    DevicesDepot *depot = CSingleton<DevicesDepot>::GetInstance();
+    depot->Print();
+    CDMesgAnalysis *analysis = CSingleton<CDMesgAnalysis>::GetInstance();
+    bool wait = false;
+    depot->ForeachDevice([&](const USBDeviceInfo &device) {
+        if (analysis->NeedWaitDetect(device.strDevPath, leaveAtOnce)) {
+            LOGI("drive detected device was found in saved cache, wait...");
+            wait = true;
+        }
+    });
+    return wait;
+}
+
+void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
+{
+    const std::string devPath = Text(usb_device_get_devpath(dev));
+    LOGI("devPath : %s  speakerchange : %d", devPath.c_str(), speakerChange);
+    if (m_IsDeviceExist(devPath)) {
+        LOGI("device have been exist");
+        return;
+    }
+    int card = 0;
+    if (!CUsbServiceUtil::GetCardNum(devPath, &card))
+        return;
+    LOGD("cardNum : %d", card);
+    if (!HasSoundNodes(card))
+        return;
+
+    USBDeviceInfo info = MakeRecord(dev, card);
+    info.bMaxVolumeFailed = m_SetMaxVolume(card) == MAX_VOLUME_WRITE_FAILED;
+
+    if (speakerChange) {
+        if (m_TakeAstroDevice(info))
+            return;
+        m_CancelLeaveTimers();
+        m_RouteToNewDevice(info);
+    }
+    m_AppendDevice(info);
+    m_CancelQuitTimer();
+}
+
+// An Astro headset takes the output without entering the attached list. True when dev is one.
+bool CUSBDevice::m_TakeAstroDevice(const USBDeviceInfo &info)
+{
+    if (!CUsbServiceUtil::IsAstroProduct(info.strProductName, info.nVendorId, info.nProductId))
+        return false;
+    LOGI("Astro device");
+    const bool known = std::any_of(m_VecAstroHeadset.begin(), m_VecAstroHeadset.end(),
+                                   [&](const USBDeviceInfo &astro) { return astro.strDevPath == info.strDevPath; });
+    if (!known) {
+        m_VecAstroHeadset.push_back(info);
+        CSingleton<CKPILog>::GetInstance()->SendWarnings(KPI_WARNING_UNSUPPORTED_DEVICE, info.strProductName);
+    }
+    EnableUSBOutput();
+    return true;
+}
+
+// The new device carries the output itself while fewer than two devices are attached and in
+// use; otherwise the free places go to the devices already attached.
+void CUSBDevice::m_RouteToNewDevice(USBDeviceInfo &info)
+{
+    bool room;
+    {
+        std::lock_guard<std::mutex> lock(m_VecMutex);
+        room = m_VecUSBHeadset.size() < static_cast<size_t>(CUsbOutputChoice::kMaxUsingDevices) &&
+               CUsbOutputChoice::CountUsing(m_VecUSBHeadset) < CUsbOutputChoice::kMaxUsingDevices;
+    }
+    if (!room) {
+        LOGI("USB HEADSET more than 2..");
+        EnableUSBOutput();
+        return;
+    }
+    if (!m_IsUsbSpeakerSelected())
+        CSingleton<CSoundManagerHandler>::GetInstance()->SetSpeakerSelection(SOUND_TV_OUTPUT_USB_HEADSET);
+    CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudioAsync(true, info.nCardNum);
+    CSingleton<CKPILog>::GetInstance()->SendNewConnectedDevice(info.strProductName, info.nVendorId, info.nProductId);
+    info.eStatus = DEVICE_STATUS_USING;
+}
+
+void CUSBDevice::RemoveDevice(usb_device_s *dev)
+{
+    const std::string devPath = Text(usb_device_get_devpath(dev));
+    LOGI("devPath : %s", devPath.c_str());
+    if (CUsbServiceUtil::IsAstroProduct(Text(usb_device_get_product(dev)), usb_device_get_vendor_id(dev),
+                                        usb_device_get_product_id(dev)))
+        m_VecAstroHeadset.erase(std::remove_if(m_VecAstroHeadset.begin(), m_VecAstroHeadset.end(),
+                                               [&](const USBDeviceInfo &astro) { return astro.strDevPath == devPath; }),
+                                m_VecAstroHeadset.end());
+
+    int card = 0;
+    if (m_IsDeviceExist(devPath) && CUsbServiceUtil::GetCardNum(devPath, &card))
+        m_ReleaseRemovedDevice(devPath, card);
+
+    if (GetDeviceCnt() > 0)
+        m_ShareOutputWithRemaining();
+    else
+        m_OnLastDeviceRemoved();
+}
+
+void CUSBDevice::m_ReleaseRemovedDevice(const std::string &devPath, int card)
+{
+    if (m_IsUsbSpeakerSelected() && m_GetDeviceStatus(devPath) == DEVICE_STATUS_USING)
+        CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudioAsync(false, card);
+    {
+        std::lock_guard<std::mutex> lock(m_VecMutex);
+        m_VecUSBHeadset.erase(std::remove_if(m_VecUSBHeadset.begin(), m_VecUSBHeadset.end(),
+                                             [&](const USBDeviceInfo &device) { return device.strDevPath == devPath; }),
+                              m_VecUSBHeadset.end());
+    }
+    CSingleton<DevicesDetected>::GetInstance()->RemoveDevice(devPath);
+}
+
+void CUSBDevice::m_ShareOutputWithRemaining()
+{
+    for (const USBDeviceInfo &device : GetDevices())
+        m_SetMaxVolume(device.nCardNum);
+    LOGI("still usb headset exist.");
+    if (!m_IsUsbSpeakerSelected())
+        return;
+    LOGI("current speaker is USB HEADSET, try to enable headset which not using..");
+    std::vector<USBDeviceInfo> taken;
+    {
+        std::lock_guard<std::mutex> lock(m_VecMutex);
+        for (size_t index : CUsbOutputChoice::TakeFreeDevices(m_VecUSBHeadset))
+            taken.push_back(m_VecUSBHeadset[index]);
+    }
+    for (const USBDeviceInfo &device : taken) {
+        CSingleton<DevicesDetected>::GetInstance()->SetDeviceStatus(device.strDevPath, DEVICE_STATUS_USING);
+        CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudioAsync(true, device.nCardNum);
+    }
+}
+
+void CUSBDevice::m_OnLastDeviceRemoved()
+{
+    LOGI("No Usb Headset exist..");
+    if (m_IsUsbSpeakerSelected()) {
+        LOGI("Disconnect Headset speaker.");
+        CSingleton<CSpeakerManagerHandler>::GetInstance()->SendSignalToSpeakerManager();
+    }
+    m_StartQuitTimer();
+}
+
+void CUSBDevice::m_AppendDevice(const USBDeviceInfo &info)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_VecMutex);
+        m_VecUSBHeadset.push_back(info);
+    }
+    CSingleton<DevicesDetected>::GetInstance()->AddDevice(info);
+}
+
+bool CUSBDevice::m_IsDeviceExist(const std::string &devPath)
+{
+    std::lock_guard<std::mutex> lock(m_VecMutex);
+    return std::any_of(m_VecUSBHeadset.begin(), m_VecUSBHeadset.end(),
+                       [&](const USBDeviceInfo &device) { return device.strDevPath == devPath; });
+}
+
+device_status CUSBDevice::m_GetDeviceStatus(const std::string &devPath)
+{
+    std::lock_guard<std::mutex> lock(m_VecMutex);
+    auto found = std::find_if(m_VecUSBHeadset.begin(), m_VecUSBHeadset.end(),
+                              [&](const USBDeviceInfo &device) { return device.strDevPath == devPath; });
+    return found == m_VecUSBHeadset.end() ? DEVICE_STATUS_IDLE : found->eStatus;
+}
+
+int CUSBDevice::GetDeviceUsingCnt()
+{
+    std::lock_guard<std::mutex> lock(m_VecMutex);
+    return CUsbOutputChoice::CountUsing(m_VecUSBHeadset);
+}
+
+int CUSBDevice::GetDeviceCnt()
+{
+    std::lock_guard<std::mutex> lock(m_VecMutex);
+    return static_cast<int>(m_VecUSBHeadset.size());
+}
+
+std::vector<USBDeviceInfo> CUSBDevice::GetDevices()
+{
+    std::lock_guard<std::mutex> lock(m_VecMutex);
+    return m_VecUSBHeadset;
+}
+
+int CUSBDevice::m_SetMaxVolume(int card)
+{
+    return CUsbMixer::SetMaxVolume(card);
+}
+
+bool CUSBDevice::m_IsTwinPortInsert(const std::string &path)
+{
+    return CUsbMixer::IsTwinPortInsert(path, GetDevices());
+}
+
+gboolean CUSBDevice::m_RestVolumeTimerCb(gpointer data)
+{
+    auto *self = static_cast<CUSBDevice *>(data);
+    if (!self)
+        return G_SOURCE_REMOVE;
+    self->m_RestVolumeTimerId = 0;
+    const std::vector<USBDeviceInfo> devices = self->GetDevices();
+    LOGI("[START] devices %zu", devices.size());
+    if (!devices.empty())
+        CUsbMixer::RestVolume(devices);
+    return G_SOURCE_REMOVE;
+}
+
+void CUSBDevice::m_RemoveTimer(guint &id)
+{
+    if (id != 0) {
+        g_source_remove(id);
+        id = 0;
+    }
+}

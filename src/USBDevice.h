@@ -1,0 +1,119 @@
+// The USB device manager: which USB audio devices are attached (enumeration at boot and after
+// standby, hot-plug attach and detach), which of them carry the TV sound, and the timers that
+// leave USB audio mode and end the service when no headset comes back.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gio/gio.h>
+
+#include "Singleton.h"
+#include "USBDeviceInfo.h"
+#include "nimbos/usb.h"
+
+class CUSBDevice : public CSingleton<CUSBDevice> {
+    friend class CSingleton<CUSBDevice>;
+
+public:
+    // Removes every timer the manager armed and abandons a start-up still in progress, so that
+    // nothing calls back into a destroyed manager.
+    ~CUSBDevice() override;
+
+    // Enumeration of the devices present at start-up and after resume from standby. The kernel-log
+    // analysis and the retries between passes run off the main loop's back: the decisions that
+    // follow are taken on the main loop once they are done.
+    void InitFromBoot();
+    void InitFromStandby();
+
+    // One hot-plugged device; speakerChange is whether the TV sound is to switch to it.
+    void AddDevice(usb_device_s *dev, bool speakerChange);
+    void RemoveDevice(usb_device_s *dev);
+
+    // Whether a device of the last run is still expected to come back; leaveAtOnce tells the
+    // caller that it was seen but will not come back.
+    bool WaitDetect(bool &leaveAtOnce);
+
+    // Devices carrying the output (status 1), and all attached devices.
+    int GetDeviceUsingCnt();
+    int GetDeviceCnt();
+    // A copy of the attached devices' records, for readers on any thread.
+    std::vector<USBDeviceInfo> GetDevices();
+
+    // Output switching (USBDeviceOutput.cpp).
+    void EnableUSBOutput();
+    void MuteUSBOutput(bool mute);
+    void WaitOrDisableUSBOutputByEmptyDeviceList();
+
+    // The card's own mixer, kept at its maximum; also driven by the debug commands.
+    int m_SetMaxVolume(int card);
+    bool m_IsTwinPortInsert(const std::string &path);
+
+private:
+    CUSBDevice();
+
+    enum class InitKind { Boot, Standby };
+
+    // Start-up sequence: kernel-log parse on a worker, then enumeration passes on the main loop.
+    void m_StartInit(InitKind kind, bool parse, bool forceParse);
+    static void m_OnInitParseDone(GObject *source, GAsyncResult *result, gpointer data);
+    void m_AbandonInitParse();
+    void m_AfterInitParse();
+    void m_MultiTryInitDevices(int tries);
+    static gboolean m_InitRetryTimerCb(gpointer data);
+    void m_RunInitPass();
+    bool m_InitDevice();
+    int m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *&list);
+    bool m_TakeEnumeratedDevice(usb_device_s *dev);
+    void m_OnInitDevicesDone(bool found);
+    void m_FinishBoot(bool found);
+    void m_FinishStandby(bool found);
+    void m_RecordUsbDeviceTable();
+    void m_SwitchToUSBSpeakerIfPluggedByUser();
+
+    bool m_IsDeviceExist(const std::string &devPath);
+    device_status m_GetDeviceStatus(const std::string &devPath);
+    void m_AppendDevice(const USBDeviceInfo &info);
+    bool m_TakeAstroDevice(const USBDeviceInfo &info);
+    void m_RouteToNewDevice(USBDeviceInfo &info);
+    void m_ReleaseRemovedDevice(const std::string &devPath, int card);
+    void m_ShareOutputWithRemaining();
+    void m_OnLastDeviceRemoved();
+    static gboolean m_RestVolumeTimerCb(gpointer data);
+
+    // Output switching (USBDeviceOutput.cpp).
+    void m_SwitchToUSBSpeaker();
+    static bool m_IsUsbSpeakerSelected();
+    void m_ReleaseUsingDevices();
+    void m_StartQuitTimer();
+    void m_CancelQuitTimer();
+    void m_CancelLeaveTimers();
+    void m_LeaveUSBModeNow();
+    static gboolean m_DelayLeaveUSBModeTimerCb(gpointer data);
+    static gboolean m_USBStateCheckTimerCb(gpointer data);
+    static gboolean m_DelayQuitTimerCb(gpointer data);
+    static void m_RemoveTimer(guint &id);
+
+    // The attached devices; read by other threads, so every access takes m_VecMutex, and the
+    // lock is never held while calling out of the manager.
+    std::vector<USBDeviceInfo> m_VecUSBHeadset;
+    std::mutex m_VecMutex;
+    // Astro headsets: taken as output, never recorded in the attached list. Main loop only.
+    std::vector<USBDeviceInfo> m_VecAstroHeadset;
+
+    // GLib source ids of pending timers (main loop only); 0 when none is pending.
+    guint m_RestVolumeTimerId = 0;
+    guint m_DelayLeaveUSBModeTimerId = 0;
+    guint m_USBStateCheckTimerId = 0;
+    guint m_DelayQuitTimerId = 0;
+    guint m_InitRetryTimerId = 0;
+    int m_USBStateCheckTimes = 0;
+
+    // The start-up sequence in progress.
+    InitKind m_InitKind = InitKind::Boot;
+    int m_InitTries = 0;
+    int m_InitPass = 0;
+    // Cancelled by the destructor so that a parse finishing later does not reach this object.
+    GCancellable *m_InitCancellable = nullptr;
+};

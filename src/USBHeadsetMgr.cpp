@@ -1,0 +1,255 @@
+#include "USBHeadsetMgr.h"
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "AudioControlMgr.h"
+#include "DMesgAnalysis.h"
+#include "HadrixUtil.h"
+#include "LocalFileData.h"
+#include "Log.h"
+#include "USBDevice.h"
+
+namespace {
+
+constexpr unsigned int kDeviceInitDelayMs = 100;
+constexpr unsigned int kStandbyDetectDelayMs = 3000;
+
+// Codes from this one up are states in which the service does not work.
+constexpr unsigned int kFirstAbnormalPowerState = 2;
+constexpr unsigned int kNormalPowerState = 0;
+constexpr unsigned int kStandbyPowerState = 2;
+constexpr unsigned int kDeepStandbyPowerState = 4;
+
+constexpr char kActionAdded[] = "added";
+constexpr char kActionRemoved[] = "removed";
+
+struct UsbDeviceDeleter {
+    void operator()(usb_device_s *device) const { free_usb_device_h(device); }
+};
+using UsbDevicePtr = std::unique_ptr<usb_device_s, UsbDeviceDeleter>;
+
+bool IsStandby(unsigned int state)
+{
+    return state == kStandbyPowerState || state == kDeepStandbyPowerState;
+}
+
+const char *Text(const char *text)
+{
+    return text ? text : "";
+}
+
+} // namespace
+
+CUSBHeadsetMgr::CUSBHeadsetMgr()
+{
+    LOGD("CUSBHeadsetMgr");
+    const int state = device_power_get_state();
+    if (state < 0)
+        LOGE("device_power_get_state return : %d", state);
+    m_CurPowerState = static_cast<unsigned int>(state);
+    m_DeviceInitTimerId = g_timeout_add(kDeviceInitDelayMs, m_DeviceInitializeTimerCB, this);
+}
+
+CUSBHeadsetMgr::~CUSBHeadsetMgr()
+{
+    LOGD("~CUSBHeadsetMgr");
+    usb_unset_connected_cb();
+    device_power_unsubscribe_state_changed_event(m_PowerStateChangedCb);
+    if (m_StandbyTimerId != 0)
+        g_source_remove(m_StandbyTimerId);
+    if (m_DeviceInitTimerId != 0)
+        g_source_remove(m_DeviceInitTimerId);
+}
+
+bool CUSBHeadsetMgr::IsResumeFromDeepStandby() const
+{
+    return m_PrePowerState == kDeepStandbyPowerState;
+}
+
+void CUSBHeadsetMgr::RegisterAppCb(void (*cb)())
+{
+    m_pAppCb = cb;
+}
+
+gboolean CUSBHeadsetMgr::m_DeviceInitializeTimerCB(gpointer data)
+{
+    LOGD("m_DeviceInitializeTimerCB");
+    if (data) {
+        auto *self = static_cast<CUSBHeadsetMgr *>(data);
+        self->m_DeviceInitTimerId = 0;
+        self->m_DeviceInit();
+    }
+    return G_SOURCE_REMOVE;
+}
+
+void CUSBHeadsetMgr::m_DeviceInit()
+{
+    LOGI("m_DeviceInit in");
+    const int level = CSingleton<CLocalFileData>::GetInstance()->GetVolumeLevel();
+    CSingleton<CAudioControlMgr>::GetInstance()->SetUsbHeadsetOutGain(static_cast<unsigned int>(level));
+
+    LOGI("call sound manager");
+    int ret = sound_manager_set_speaker_changed_cb(m_SpeakerChangeCb, this);
+    if (ret != SOUND_MANAGER_ERROR_NONE)
+        LOGE("sound_manager_set_speaker_changed_cb return : %d", ret);
+
+    usb_set_connected_cb(m_OnDetectUsbCB, this);
+
+    ret = device_power_subscribe_state_changed_event(m_PowerStateChangedCb, this);
+    if (ret != DEVICE_POWER_ERROR_NONE)
+        LOGE("device_power_subscribe_state_changed_event return : %d", ret);
+
+    CSingleton<CUSBDevice>::GetInstance()->InitFromBoot();
+    m_SetKeyGrabOrUngrab();
+    LOGI("m_DeviceInit out");
+}
+
+void CUSBHeadsetMgr::m_OnDetectUsbCB(usb_device_s *device, char *action, void *user_data)
+{
+    LOGI("[START] detect usb audio device %p,%s", static_cast<void *>(device), Text(action));
+    if (!device || !action)
+        return;
+    UsbDevicePtr handle(device);
+    auto *self = static_cast<CUSBHeadsetMgr *>(user_data);
+    if (!self) {
+        LOGD("");
+        return;
+    }
+    if (self->m_CurPowerState >= kFirstAbnormalPowerState) {
+        LOGE("power state is not normal");
+        return;
+    }
+    const int usbClass = usb_device_get_class(device);
+    LOGD("class:%d", usbClass);
+    if (usbClass != USB_DEVICE_CLASS_AUDIO) {
+        LOGE("Not audio deveice");
+        return;
+    }
+    if (self->m_StandbyTimerId != 0) {
+        LOGE("delay to check usb device timer exist");
+        return;
+    }
+
+    const std::string devPath = Text(usb_device_get_devpath(device));
+    const std::string product = Text(usb_device_get_product(device));
+    const int vendorId = usb_device_get_vendor_id(device);
+    const int productId = usb_device_get_product_id(device);
+    LOGI("devpath: %s, name:%s, product:%s, vender id:%d, product id:%d, device No.%d", devPath.c_str(),
+         Text(usb_device_get_devname(device)), product.c_str(), vendorId, productId, usb_device_get_number(device));
+
+    int card = 0;
+    if (!CUsbServiceUtil::GetCardNum(devPath, &card)) {
+        LOGE("no card num, ignore");
+        return;
+    }
+    if (CUsbServiceUtil::IsCamera(product, vendorId, productId)) {
+        LOGE("camera device");
+        return;
+    }
+
+    CUSBDevice *usbDevice = CSingleton<CUSBDevice>::GetInstance();
+    if (strcmp(action, kActionAdded) == 0) {
+        CDMesgAnalysis *analysis = CSingleton<CDMesgAnalysis>::GetInstance();
+        analysis->TriggerParse(true);
+        const bool speakerChange =
+            CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode() || analysis->NeedChangeSpeaker(devPath);
+        usbDevice->AddDevice(device, speakerChange);
+    } else if (strcmp(action, kActionRemoved) == 0) {
+        usbDevice->RemoveDevice(device);
+    }
+
+    handle.reset();
+    self->m_SetKeyGrabOrUngrab();
+    LOGI("Ondetect info end");
+}
+
+void CUSBHeadsetMgr::m_PowerStateChangedCb(_device_power_state_info *info, void *user_data)
+{
+    LOGI("m_PowerStateChangedCb in");
+    auto *self = static_cast<CUSBHeadsetMgr *>(user_data);
+    if (!info || !self) {
+        LOGE("data or pInfo is NULL");
+        return;
+    }
+    CSingleton<CDMesgAnalysis>::GetInstance()->SetPowerChangdTime();
+    LOGI("power on pre state : %d, cur state: %d", info->previous, info->current);
+    self->m_CurPowerState = static_cast<unsigned int>(info->current);
+    self->m_PrePowerState = static_cast<unsigned int>(info->previous);
+
+    if (IsStandby(self->m_PrePowerState) && self->m_CurPowerState == kNormalPowerState) {
+        if (self->m_StandbyTimerId != 0)
+            return;
+        LOGI("launch delay timer");
+        self->m_StandbyTimerId = g_timeout_add(kStandbyDetectDelayMs, m_DeviceStandbyDetectDelayTimer, self);
+    }
+    if (IsStandby(self->m_CurPowerState))
+        CSingleton<CUSBDevice>::GetInstance()->MuteUSBOutput(true);
+}
+
+gboolean CUSBHeadsetMgr::m_DeviceStandbyDetectDelayTimer(gpointer data)
+{
+    LOGI("m_DeviceStandbyDetectDelayTimer in ");
+    auto *self = static_cast<CUSBHeadsetMgr *>(data);
+    if (!self)
+        return G_SOURCE_REMOVE;
+    self->m_StandbyTimerId = 0;
+    if (self->m_CurPowerState >= kFirstAbnormalPowerState) {
+        LOGE("current power state is not normal");
+        return G_SOURCE_REMOVE;
+    }
+    LOGI("begin to intit device file");
+    CSingleton<CUSBDevice>::ReleaseInstance();
+    CSingleton<CUSBDevice>::GetInstance()->InitFromStandby();
+    return G_SOURCE_REMOVE;
+}
+
+void CUSBHeadsetMgr::m_SpeakerChangeCb(sound_tv_output_route_e route, void *user_data)
+{
+    LOGI("m_SpeakerChangeCb, route : %d, SOUND_TV_OUTPUT_USB_HEADSET is %d", static_cast<int>(route),
+         static_cast<int>(SOUND_TV_OUTPUT_USB_HEADSET));
+    auto *self = static_cast<CUSBHeadsetMgr *>(user_data);
+    if (!self) {
+        LOGE("user_data is NULL");
+        return;
+    }
+    self->m_ApplySpeakerRoute(route);
+}
+
+void CUSBHeadsetMgr::m_MultiviewSpeakerChangeCb(sound_tv_output_route_e route, int zoneid, void *)
+{
+    LOGI("m_MultiviewSpeakerChangeCb, route : %d, zoneid : %d", static_cast<int>(route), zoneid);
+}
+
+void CUSBHeadsetMgr::HandleMultiViewSpeakerChange(sound_tv_output_route_e route)
+{
+    m_ApplySpeakerRoute(route);
+}
+
+// USB audio mode follows the route: it is persisted and the USB output unmuted while the route
+// is the USB headset, cleared and muted on any other.
+void CUSBHeadsetMgr::m_ApplySpeakerRoute(sound_tv_output_route_e route)
+{
+    const bool usbHeadset = route == SOUND_TV_OUTPUT_USB_HEADSET;
+    CSingleton<CLocalFileData>::GetInstance()->SetUSBAudioMode(usbHeadset);
+    CSingleton<CUSBDevice>::GetInstance()->MuteUSBOutput(!usbHeadset);
+    if (m_pAppCb) {
+        LOGI("send event to App");
+        m_pAppCb();
+    }
+    m_SetKeyGrabOrUngrab();
+}
+
+// The keys are grabbed while at least one headset carries the output.
+void CUSBHeadsetMgr::m_SetKeyGrabOrUngrab()
+{
+    const int usingCount = CSingleton<CUSBDevice>::GetInstance()->GetDeviceUsingCnt();
+    if (usingCount > 0 && !m_bVolumeKeyGrabbed) {
+        LOGI("start GrabVolumeKey");
+        m_bVolumeKeyGrabbed = true;
+    } else if (usingCount == 0 && m_bVolumeKeyGrabbed) {
+        LOGI("stop GrabVolumeKey");
+        m_bVolumeKeyGrabbed = false;
+    }
+}

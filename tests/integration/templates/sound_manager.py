@@ -1,0 +1,91 @@
+'''The sound manager: the TV's output route (also per multiview zone), mute gain and unmute
+fade-in, on org.nimbos.SoundManager at /org/nimbos/SoundManager.
+
+SetSpeakerSelection and SetMultiviewSpeakerSelection store the route and announce a change with
+SpeakerChanged(i route) / MultiviewSpeakerChanged(i route, i zone). SetMuteGain and
+ApplyUnmuteFadeIn only end in the call log (GetCalls), as every call does.
+
+Parameters:
+  route    the TV's output route at start; default 7.
+  failing  every sound-manager method fails with org.nimbos.SoundManager.Error.Failed;
+           default False.
+
+Mock-only methods (not the sound manager's):
+  UserSetRoute(i route)   the user picks a route on the TV: stored, SpeakerChanged on a change.
+  SetFailing(b failing)   switches the failing mode.
+'''
+import dbus
+
+BUS_NAME = 'org.nimbos.SoundManager'
+MAIN_OBJ = '/org/nimbos/SoundManager'
+MAIN_IFACE = 'org.nimbos.SoundManager'
+SYSTEM_BUS = True
+
+FAILED = 'org.nimbos.SoundManager.Error.Failed'
+# The route of a zone nobody has set.
+DEFAULT_ROUTE = 7
+
+
+def load(mock, parameters):
+    mock.route = int(parameters.get('route', DEFAULT_ROUTE))
+    mock.zone_routes = {}
+    mock.failing = bool(parameters.get('failing', False))
+
+
+def _check(mock):
+    if mock.failing:
+        raise dbus.exceptions.DBusException('the sound manager failed', name=FAILED)
+
+
+def _select(mock, route):
+    changed = route != mock.route
+    mock.route = route
+    if changed:
+        mock.EmitSignal(MAIN_IFACE, 'SpeakerChanged', 'i', [route])
+
+
+@dbus.service.method(MAIN_IFACE, in_signature='', out_signature='i')
+def GetSpeakerSelection(self):
+    _check(self)
+    return self.route
+
+
+@dbus.service.method(MAIN_IFACE, in_signature='i', out_signature='')
+def SetSpeakerSelection(self, route):
+    _check(self)
+    _select(self, route)
+
+
+@dbus.service.method(MAIN_IFACE, in_signature='ii', out_signature='')
+def SetMuteGain(self, gain_type, gain):
+    _check(self)
+
+
+@dbus.service.method(MAIN_IFACE, in_signature='i', out_signature='')
+def ApplyUnmuteFadeIn(self, gain_type):
+    _check(self)
+
+
+@dbus.service.method(MAIN_IFACE, in_signature='i', out_signature='i')
+def GetMultiviewSpeakerSelection(self, zone):
+    _check(self)
+    return self.zone_routes.get(zone, DEFAULT_ROUTE)
+
+
+@dbus.service.method(MAIN_IFACE, in_signature='ii', out_signature='')
+def SetMultiviewSpeakerSelection(self, route, zone):
+    _check(self)
+    changed = self.zone_routes.get(zone, DEFAULT_ROUTE) != route
+    self.zone_routes[zone] = route
+    if changed:
+        self.EmitSignal(MAIN_IFACE, 'MultiviewSpeakerChanged', 'ii', [route, zone])
+
+
+@dbus.service.method(MAIN_IFACE, in_signature='i', out_signature='')
+def UserSetRoute(self, route):
+    _select(self, route)
+
+
+@dbus.service.method(MAIN_IFACE, in_signature='b', out_signature='')
+def SetFailing(self, failing):
+    self.failing = bool(failing)
