@@ -1,6 +1,7 @@
 #include "SoundManagerHandler.h"
 
 #include "Log.h"
+#include "MultiviewHandler.h"
 
 namespace {
 
@@ -43,9 +44,13 @@ bool CSoundManagerHandler::SetSpeakerSelection(sound_tv_output_route_e route)
     return true;
 }
 
-// Multiview is not supported on this build, so the TV-wide route is always the one asked for.
+// In multiview the route is the multiview zone's, which the TV-wide selection does not tell.
 sound_tv_output_route_e CSoundManagerHandler::GetSpeakerSelection()
 {
+    CMultiviewHandler *multiview = CSingleton<CMultiviewHandler>::GetInstance();
+    if (multiview->IsMultiviewOn())
+        return multiview->GetSpeakerSelection();
+
     sound_tv_output_route_e route = SOUND_TV_OUTPUT_DEFAULT;
     int ret = sound_manager_get_speaker_selection(&route);
     if (ret != SOUND_MANAGER_ERROR_NONE)

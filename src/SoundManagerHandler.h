@@ -15,7 +15,8 @@ public:
     bool ApplyUnmuteFadeIn();
     bool ApplyMuteGain(int gain);
     bool SetSpeakerSelection(sound_tv_output_route_e route);
-    // The current route; SOUND_TV_OUTPUT_DEFAULT (7) when it cannot be read.
+    // The current route (the multiview zone's while multiview is on); SOUND_TV_OUTPUT_DEFAULT (7)
+    // when it cannot be read.
     sound_tv_output_route_e GetSpeakerSelection();
 
 private:

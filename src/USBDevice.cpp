@@ -11,7 +11,6 @@
 #include "LocalFileData.h"
 #include "Log.h"
 #include "PulseAudioHandler.h"
-#include "SoundManagerHandler.h"
 #include "SpeakerManagerHandler.h"
 #include "USBHeadsetMgr.h"
 #include "UsbMixer.h"
@@ -382,7 +381,7 @@ void CUSBDevice::m_RouteToNewDevice(USBDeviceInfo &info)
         return;
     }
     if (!m_IsUsbSpeakerSelected())
-        CSingleton<CSoundManagerHandler>::GetInstance()->SetSpeakerSelection(SOUND_TV_OUTPUT_USB_HEADSET);
+        m_SelectUsbHeadsetRoute(true);
     CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudioAsync(true, info.nCardNum);
     CSingleton<CKPILog>::GetInstance()->SendNewConnectedDevice(info.strProductName, info.nVendorId, info.nProductId);
     info.eStatus = DEVICE_STATUS_USING;

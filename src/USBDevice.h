@@ -40,6 +40,12 @@ public:
     int GetDeviceCnt();
     // A copy of the attached devices' records, for readers on any thread.
     std::vector<USBDeviceInfo> GetDevices();
+    // The display name of the devices carrying the output, for on-screen texts
+    // (USBDeviceLists.cpp).
+    std::string GetDeviceInfoForOSD();
+    // Whether a key device's name contains an attached device's full name, manufacturer and
+    // product (USBDeviceGamepad.cpp).
+    bool CheckWhetherUsbDevice(const std::string &deviceName);
 
     // Output switching (USBDeviceOutput.cpp).
     void EnableUSBOutput();
@@ -85,6 +91,9 @@ private:
     // Output switching (USBDeviceOutput.cpp).
     void m_SwitchToUSBSpeaker();
     static bool m_IsUsbSpeakerSelected();
+    // Routes the TV sound to the USB headset; in multiview per zone, with the level published to
+    // the multiview UI and, when asked, the headset output unmuted.
+    static void m_SelectUsbHeadsetRoute(bool unmuteInMultiview);
     void m_ReleaseUsingDevices();
     void m_StartQuitTimer();
     void m_CancelQuitTimer();

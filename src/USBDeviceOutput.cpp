@@ -3,11 +3,13 @@
 // the timer that ends the service once no headset is left.
 #include "USBDevice.h"
 
+#include "AudioControlMgr.h"
 #include "DMesgAnalysis.h"
 #include "DevicesDetected.h"
 #include "KPILog.h"
 #include "LocalFileData.h"
 #include "Log.h"
+#include "MultiviewHandler.h"
 #include "PulseAudioHandler.h"
 #include "SoundManagerHandler.h"
 #include "SpeakerManagerHandler.h"
@@ -49,6 +51,19 @@ bool CUSBDevice::m_IsUsbSpeakerSelected()
     return CSingleton<CSoundManagerHandler>::GetInstance()->GetSpeakerSelection() == SOUND_TV_OUTPUT_USB_HEADSET;
 }
 
+void CUSBDevice::m_SelectUsbHeadsetRoute(bool unmuteInMultiview)
+{
+    CMultiviewHandler *multiview = CSingleton<CMultiviewHandler>::GetInstance();
+    if (!multiview->IsMultiviewOn()) {
+        CSingleton<CSoundManagerHandler>::GetInstance()->SetSpeakerSelection(SOUND_TV_OUTPUT_USB_HEADSET);
+        return;
+    }
+    multiview->SetSpeakerSelection(SOUND_TV_OUTPUT_USB_HEADSET);
+    multiview->SetVolumeLevel(CSingleton<CLocalFileData>::GetInstance()->GetVolumeLevel());
+    if (unmuteInMultiview)
+        CSingleton<CAudioControlMgr>::GetInstance()->SetUsbHeadsetMuteStatus(false);
+}
+
 void CUSBDevice::EnableUSBOutput()
 {
     std::vector<USBDeviceInfo> taken;
@@ -64,7 +79,7 @@ void CUSBDevice::EnableUSBOutput()
     for (const USBDeviceInfo &device : taken) {
         if (!m_IsUsbSpeakerSelected()) {
             LOGI("set usbheadset as speaker...");
-            CSingleton<CSoundManagerHandler>::GetInstance()->SetSpeakerSelection(SOUND_TV_OUTPUT_USB_HEADSET);
+            m_SelectUsbHeadsetRoute(false);
         }
         StartUsing(device);
     }

@@ -7,8 +7,10 @@
 #include "AudioControlMgr.h"
 #include "DMesgAnalysis.h"
 #include "HadrixUtil.h"
+#include "KeyEventHandler.h"
 #include "LocalFileData.h"
 #include "Log.h"
+#include "MultiviewHandler.h"
 #include "USBDevice.h"
 
 namespace {
@@ -227,6 +229,16 @@ void CUSBHeadsetMgr::HandleMultiViewSpeakerChange(sound_tv_output_route_e route)
     m_ApplySpeakerRoute(route);
 }
 
+void CUSBHeadsetMgr::InitVolumeOnMultiViewEnabled()
+{
+    if (CSingleton<CUSBDevice>::GetInstance()->GetDeviceUsingCnt() < 1) {
+        LOGI("current usb headset not connect");
+        return;
+    }
+    IVolumeControl *volume = CSingleton<CMultiviewHandler>::GetInstance();
+    volume->SetVolumeLevel(CSingleton<CLocalFileData>::GetInstance()->GetVolumeLevel());
+}
+
 // USB audio mode follows the route: it is persisted and the USB output unmuted while the route
 // is the USB headset, cleared and muted on any other.
 void CUSBHeadsetMgr::m_ApplySpeakerRoute(sound_tv_output_route_e route)
@@ -245,11 +257,13 @@ void CUSBHeadsetMgr::m_ApplySpeakerRoute(sound_tv_output_route_e route)
 void CUSBHeadsetMgr::m_SetKeyGrabOrUngrab()
 {
     const int usingCount = CSingleton<CUSBDevice>::GetInstance()->GetDeviceUsingCnt();
-    if (usingCount > 0 && !m_bVolumeKeyGrabbed) {
+    CKeyHandler *keys = CSingleton<CKeyHandler>::GetInstance();
+    const bool grabbed = keys->IsGrabbed();
+    if (usingCount > 0 && !grabbed) {
         LOGI("start GrabVolumeKey");
-        m_bVolumeKeyGrabbed = true;
-    } else if (usingCount == 0 && m_bVolumeKeyGrabbed) {
+        keys->GrabVolumeKey(nullptr, nullptr, nullptr);
+    } else if (usingCount == 0 && grabbed) {
         LOGI("stop GrabVolumeKey");
-        m_bVolumeKeyGrabbed = false;
+        keys->UngrabVolumeKey();
     }
 }

@@ -21,10 +21,11 @@ public:
 
     // The multiview handler's speaker route changed.
     void HandleMultiViewSpeakerChange(sound_tv_output_route_e route);
+    // Multiview was switched on: its UI gets the stored level while a headset is in use.
+    void InitVolumeOnMultiViewEnabled();
 
     // Whether the last power change left the deep low-power state (4).
     bool IsResumeFromDeepStandby() const;
-    bool IsVolumeKeyGrabbed() const { return m_bVolumeKeyGrabbed; }
 
     // For the multiview handler's registration with the sound manager.
     static void m_MultiviewSpeakerChangeCb(sound_tv_output_route_e route, int zoneid, void *user_data);
@@ -47,5 +48,4 @@ private:
     unsigned int m_CurPowerState = 0;
     unsigned int m_PrePowerState = 3;
     guint m_DeviceInitTimerId = 0;
-    bool m_bVolumeKeyGrabbed = false;
 };

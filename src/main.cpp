@@ -9,7 +9,9 @@
 #include "HadrixUtil.h"
 #include "LocalFileData.h"
 #include "Log.h"
+#include "MultiviewHandler.h"
 #include "PulseAudioHandler.h"
+#include "SoundMirroringEventHandler.h"
 #include "USBHeadsetMgr.h"
 #include "nimbos/app.h"
 #include "nimbos/paths.h"
@@ -106,6 +108,9 @@ int main(int argc, char *argv[])
         LOGE("CUSBHeadsetMgr::GetInstance() return null, quit");
         return 0;
     }
+
+    CSingleton<CSoundMirroringEventHandler>::GetInstance();
+    CSingleton<CMultiviewHandler>::GetInstance();
 
     StartWatchdogHeartbeat();
 

@@ -27,7 +27,9 @@ typedef enum {
 /* Connects the process to the key router in three steps, stopping at the first that fails:
  * opens the connection that carries it (KEYROUTER_ERROR_NO_DISPLAY), finds the router on it
  * (KEYROUTER_ERROR_NO_ROUTER) and subscribes to its key events (KEYROUTER_ERROR_NO_SEAT), which
- * from then on reach the key event handlers on the default main context. Connecting again while
+ * from then on reach the key event handlers on the default main context. Call it on a thread
+ * that has not made another main context its thread-default one (the main thread does): the
+ * events arrive on the calling thread's thread-default context. Connecting again while
  * connected returns 0 and changes nothing. */
 int keyrouter_connect(void);
 /* Stops receiving key events and closes the connection. */

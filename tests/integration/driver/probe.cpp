@@ -20,9 +20,12 @@
 #include <glib.h>
 
 #include "nimbos/audio_control.h"
+#include "nimbos/events.h"
+#include "nimbos/keyrouter.h"
 #include "nimbos/power.h"
 #include "nimbos/sound.h"
 #include "nimbos/usb.h"
+#include "nimbos/zones.h"
 
 #include "AudioControlMgr.h"
 #include "HadrixUtil.h"
@@ -547,6 +550,99 @@ int AudioControl(const Args &args)
     return kUsageError;
 }
 
+int PrintKeyEvent(const char *what, const void *event)
+{
+    const auto *key = static_cast<const ecore_event_key_s *>(event);
+    const char *device = key->device && key->device->name ? key->device->name : "-";
+    printf("%s %s %s\n", what, key->keyname, device);
+    fflush(stdout);
+    return ECORE_EVENT_CONTINUE;
+}
+
+int OnKeyDown(int, void *event, void *)
+{
+    return PrintKeyEvent("down", event);
+}
+
+int OnKeyUp(int, void *event, void *)
+{
+    return PrintKeyEvent("up", event);
+}
+
+struct EventHandlerDel {
+    void operator()(ecore_event_handler_s *handler) const { ecore_event_handler_del(handler); }
+};
+using EventHandler = std::unique_ptr<ecore_event_handler_s, EventHandlerDel>;
+
+// Connected to the key router for the life of a command.
+class KeyRouterSession {
+public:
+    KeyRouterSession() : result_(keyrouter_connect()) {}
+    ~KeyRouterSession()
+    {
+        if (result_ == KEYROUTER_ERROR_NONE)
+            keyrouter_disconnect();
+    }
+    KeyRouterSession(const KeyRouterSession &) = delete;
+    KeyRouterSession &operator=(const KeyRouterSession &) = delete;
+    int result() const { return result_; }
+
+private:
+    int result_;
+};
+
+// Grabs the keys for the process's own window (0), with the grab mode the service uses (3).
+int GrabKeys(const Args &keys)
+{
+    int result = capi_window_tv_reset_key_grab_config(0);
+    for (size_t i = 0; result == KEYROUTER_ERROR_NONE && i < keys.size(); ++i)
+        result = capi_window_tv_add_key(0, keys[i].c_str(), 3);
+    return result == KEYROUTER_ERROR_NONE ? capi_window_tv_set_grabbed_keys(0) : result;
+}
+
+// Grabs the KEYs, prints "ready", then "down KEY DEVICE" / "up KEY DEVICE" per key event (DEVICE
+// "-" when the device has no name) until SECONDS pass or SIGTERM comes.
+int KeysGrab(const Args &args)
+{
+    int seconds = 0;
+    if (args.size() < 2 || !ParseCardNumber(args[0], seconds) || seconds <= 0)
+        return kUsageError;
+    EventHandler down(ecore_event_handler_add(ECORE_EVENT_KEY_DOWN, OnKeyDown, nullptr));
+    EventHandler up(ecore_event_handler_add(ECORE_EVENT_KEY_UP, OnKeyUp, nullptr));
+    if (!down || !up)
+        return ExitStatus(false);
+    KeyRouterSession session;
+    int result = session.result();
+    if (result == KEYROUTER_ERROR_NONE)
+        result = GrabKeys(Args(args.begin() + 1, args.end()));
+    if (result != KEYROUTER_ERROR_NONE)
+        return ClientResult(result);
+    return RunWatchLoop(seconds);
+}
+
+struct ZoneListFree {
+    void operator()(rc_zone_list_s *list) const { rc_free_zone_list(list); }
+};
+
+// Prints "zone ID" per zone of TYPE, in the resource centre's order.
+int Zones(const Args &args)
+{
+    int type = 0;
+    if (args.size() != 1 || !ParseCardNumber(args[0], type))
+        return kUsageError;
+    rc_zone_list_s *raw = nullptr;
+    int result = rc_get_zone_list(static_cast<rc_zone_type_e>(type), &raw);
+    std::unique_ptr<rc_zone_list_s, ZoneListFree> list(raw);
+    for (rc_zone_s *zone = rc_get_next_zone(list.get()); result == RC_ERROR_NONE && zone;
+         zone = rc_get_next_zone(list.get())) {
+        int id = 0;
+        result = rc_get_zone_id(zone, &id);
+        if (result == RC_ERROR_NONE)
+            printf("zone %d\n", id);
+    }
+    return ClientResult(result);
+}
+
 struct Command {
     const char *name;
     const char *usage;
@@ -575,6 +671,8 @@ const Command kCommands[] = {
     {"audio-control", "get-gain|get-delay|get-mute|set-gain N|set-delay N|set-mute 0|1", AudioControl},
     {"power-get", "", PowerGet},
     {"power-watch", "SECONDS [once]", PowerWatch},
+    {"keys-grab", "SECONDS KEY...", KeysGrab},
+    {"zones", "TYPE", Zones},
     {"timed", "COMMAND [ARGS...]", Timed},
 };
 
