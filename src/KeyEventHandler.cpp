@@ -223,6 +223,23 @@ gboolean CKeyHandler::m_OnTimeoutUnGrabKey(gpointer data)
     return G_SOURCE_REMOVE;
 }
 
+namespace {
+
+// Stages the volume keys of the table at the router; verb names the step in the log.
+void StageKeys(const Key_Info *keys, int mode, const char *verb)
+{
+    for (const Key_Info *key = keys; key->value != KEY_END; ++key) {
+        if (!IsGrabbedKey(*key))
+            continue;
+        if (capi_window_tv_add_key(kWindow, key->name, mode) == KEYROUTER_ERROR_NONE)
+            LOGD("success to %s key[%s]", verb, key->name);
+        else
+            LOGE("fail to %s key[%s]", verb, key->name);
+    }
+}
+
+} // namespace
+
 // The router is connected here, on the main loop where its key events arrive, right before every
 // grab: the connection then exists whichever path grabs (the deferred grab or the e-manual page
 // closing), it is not made under m_Mutex, and connecting again while connected changes nothing.
@@ -232,14 +249,7 @@ void CKeyHandler::m_GrabKey(const Key_Info *keys, int mode)
     LOGI("m_GrabKey  mode is %d", mode);
     if (capi_window_tv_reset_key_grab_config(kWindow) != KEYROUTER_ERROR_NONE)
         LOGE("fail to reset grab config.");
-    for (const Key_Info *key = keys; key->value != KEY_END; ++key) {
-        if (!IsGrabbedKey(*key))
-            continue;
-        if (capi_window_tv_add_key(kWindow, key->name, mode) == KEYROUTER_ERROR_NONE)
-            LOGD("success to grab key[%s]", key->name);
-        else
-            LOGE("fail to grab key[%s]", key->name);
-    }
+    StageKeys(keys, mode, "grab");
     if (capi_window_tv_set_grabbed_keys(kWindow) != KEYROUTER_ERROR_NONE)
         LOGE("fail to set grab keys.");
     const int volUp = capi_window_tv_set_special_key_mode(kWindow, CAPI_WINDOW_TV_KEY_BY_PASS_PICTURE_OFF,
@@ -257,14 +267,7 @@ void CKeyHandler::m_UnGrabKey(const Key_Info *keys)
     LOGI("m_UnGrabKey mode is %d", kGrabMode);
     if (capi_window_tv_reset_key_grab_config(kWindow) != KEYROUTER_ERROR_NONE)
         LOGE("fail to reset grab config.");
-    for (const Key_Info *key = keys; key->value != KEY_END; ++key) {
-        if (!IsGrabbedKey(*key))
-            continue;
-        if (capi_window_tv_add_key(kWindow, key->name, kGrabMode) == KEYROUTER_ERROR_NONE)
-            LOGD("success to ungrab key[%s]", key->name);
-        else
-            LOGE("fail to ungrab key[%s]", key->name);
-    }
+    StageKeys(keys, kGrabMode, "ungrab");
     if (capi_window_tv_unset_grabbed_keys(kWindow) != KEYROUTER_ERROR_NONE)
         LOGE("fail to set grab keys.");
     m_DeleteKeyEventHandlers();

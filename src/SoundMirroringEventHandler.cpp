@@ -34,6 +34,25 @@ bool IsUsbHeadsetMode()
     return false;
 }
 
+// The value a mirroring key now holds, when it is one to act on: the service is in USB audio
+// mode, the key reads, and the value differs from the last one acted on, which it becomes.
+bool TakeNewValue(const char *key, int &last, const char *unchanged, int &value)
+{
+    if (!IsUsbHeadsetMode())
+        return false;
+    value = last;
+    if (!CUsbServiceUtil::GetVconf(key, value)) {
+        LOGE("cannot read %s, ignore.", key);
+        return false;
+    }
+    if (value == last) {
+        LOGI("%s", unchanged);
+        return false;
+    }
+    last = value;
+    return true;
+}
+
 } // namespace
 
 CSoundMirroringEventHandler::CSoundMirroringEventHandler()
@@ -61,19 +80,10 @@ void CSoundMirroringEventHandler::OnSetVolumeMuteChanged(keynode_t *, void *user
         LOGE("this is null");
         return;
     }
-    if (!IsUsbHeadsetMode())
+    int mute = 0;
+    if (!TakeNewValue(kMuteKey, self->m_nLastMute, "mute state not changed..ignore..", mute))
         return;
-    int mute = self->m_nLastMute;
-    if (!CUsbServiceUtil::GetVconf(kMuteKey, mute)) {
-        LOGE("cannot read %s, ignore.", kMuteKey);
-        return;
-    }
-    if (mute == self->m_nLastMute) {
-        LOGI("mute state not changed..ignore..");
-        return;
-    }
     LOGI("sound mirroring mute state changed %d.", mute);
-    self->m_nLastMute = mute;
     CKeyHandler *keys = CSingleton<CKeyHandler>::GetInstance();
     if (mute == 0)
         keys->VolumeUnMute();
@@ -89,22 +99,13 @@ void CSoundMirroringEventHandler::OnSetVolumeLevelChanged(keynode_t *, void *use
         LOGE("this is null");
         return;
     }
-    if (!IsUsbHeadsetMode())
+    int level = 0;
+    if (!TakeNewValue(kLevelKey, self->m_nLastLevel, "volume level not changed..ignore..", level))
         return;
-    int level = self->m_nLastLevel;
-    if (!CUsbServiceUtil::GetVconf(kLevelKey, level)) {
-        LOGE("cannot read %s, ignore.", kLevelKey);
-        return;
-    }
     if (level < 0 || level > kMaxVolumeLevel) {
         LOGE("volume level %d out of range, ignore.", level);
         return;
     }
-    if (level == self->m_nLastLevel) {
-        LOGI("volume level not changed..ignore..");
-        return;
-    }
     LOGI("sound mirroring volumelevel changed %d.", level);
-    self->m_nLastLevel = level;
     CSingleton<CKeyHandler>::GetInstance()->VolumeLevelAdjust(level, false);
 }
