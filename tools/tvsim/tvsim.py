@@ -37,6 +37,8 @@ from harness.root import HadrixRoot  # noqa: E402
 from harness.testbed import NotMocked, Testbed  # noqa: E402
 
 SERVICE_BUS_NAME = 'org.nimbos.hadrix'
+REMOTE = 'rc device 0'
+KEYS = {'up': 'XF86AudioRaiseVolume', 'down': 'XF86AudioLowerVolume', 'mute': 'XF86AudioMute'}
 USB_HEADSET_ROUTE = 15
 TV_SPEAKER_ROUTE = 7
 POWER_NORMAL, POWER_STANDBY = 0, 4
@@ -78,6 +80,9 @@ EXPLAINED = [(re.compile(pattern), text) for pattern, text in [
     (r'^start GrabVolumeKey$', "the remote's volume keys are to go to the headset"),
     (r'^stop GrabVolumeKey$', 'the volume keys are to go back to the TV'),
     (r'^service_app_control$', 'an application-control request reached the service'),
+    (r'^Volume control from USB_HEADSET_DEVICE,block it', "a key of the headset itself: the headset handles it"),
+    (r'^sound mirroring volumelevel changed (\d+)\.$', 'screen mirroring changed the level to {0}'),
+    (r'^not usb headset mode, ignore\.$', 'not in USB audio mode: screen mirroring left alone'),
     (r'^service_app_terminate$', 'terminate callback: the service shuts down'),
     (r'^\[START\] 10mins quit service timeout, byebye\.\.\.$', 'ten minutes without a headset: quitting'),
 ]]
@@ -87,6 +92,9 @@ CALLS = {
     ('sound', 'SetSpeakerSelection'): 'sound manager <- output route {0}',
     ('audio', 'SetUsbOutGain'): 'audio control <- headset gain {0}',
     ('audio', 'SetUsbOutMute'): 'audio control <- headset mute {0}',
+    ('key_router', 'SetGrabbedKeys'): 'key router <- grab the staged keys',
+    ('key_router', 'UnsetGrabbedKeys'): 'key router <- release the staged keys',
+    ('sound', 'SetMultiviewSpeakerSelection'): 'sound manager <- route {0} for zone {1}',
 }
 
 SIGNALS = {
@@ -131,12 +139,15 @@ class SimulatedTV:
         self.launcher = Launcher(self.env, self.work)
         self.mocks = []
         self.services = PlatformServices(self._spawn, route=TV_SPEAKER_ROUTE)
+        self.key_router = self._spawn('key_router', {})
+        self.resource_center = self._spawn('resource_center', {})
+        self.tv_viewer = self._spawn('app', {})
         self.signals = SignalObserver(self.bus.address)
         self.plugged = {}
         self.hubs = set()
         self.daemon = None
         self._until_mark = 0
-        self._seen = {'log': 0, 'notify': 0, 'signals': 0}
+        self._seen = {'log': 0, 'notify': 0, 'signals': 0, 'launches': 0}
         self._calls_seen = {}
         timeline.say('tv', f'private system bus at {self.bus.address}')
         timeline.say('tv', f'installation root {self.root.path}')
@@ -197,8 +208,33 @@ class SimulatedTV:
         self.timeline.say('viewer', f'picks output route {route} in the sound menu')
         self.services.user_sets_route(route)
 
+    def key(self, name, hold=0):
+        """The viewer presses a volume key on the remote (and holds it for `hold` repeats)."""
+        key = KEYS[name]
+        if hold:
+            self.timeline.say('viewer', f'holds {name} on the remote')
+            self.key_router.obj.HoldKey(key, REMOTE, int(hold), dbus_interface=self.key_router.interface)
+            return
+        self.timeline.say('viewer', f'presses {name} on the remote')
+        self.key_router.obj.PressKey(key, REMOTE, dbus_interface=self.key_router.interface)
+        self.key_router.obj.ReleaseKey(key, REMOTE, dbus_interface=self.key_router.interface)
+
+    def tts(self, on):
+        self.timeline.say('viewer', f'turns the screen reader {on}')
+        self.root.set_setting('db/setting/accessibility/tts', on == 'on', 'bool')
+
+    def multiview(self, on):
+        self.timeline.say('viewer', f'turns multiview {on}')
+        self.root.set_setting('memory/multiscreen/ui_mode', on)
+
+    def mirror(self, what, value):
+        key = {'level': 'set_volume_level', 'mute': 'set_volume_mute'}[what]
+        self.timeline.say('phone', f'screen mirroring sets the {what} to {value}')
+        self.root.set_setting(f'memory/menu/network/screenmirroring/{key}', int(value))
+
     def state(self):
         volume = self.root.get_setting('db/hadrix/volume_level')
+        grabbed = self.key_router.obj.GetGrabbedKeys(dbus_interface=self.key_router.interface)
         mute = self.root.get_setting('db/hadrix/volume_mute_status')
         devices = json.loads(self.root.read(DEPOT)) if self.root.exists(DEPOT) else []
         lines = [f'output route {self.services.route()}',
@@ -206,7 +242,8 @@ class SimulatedTV:
                  f'headset volume {volume[1] if volume else "(not stored: 50)"}, '
                  f'muted {mute[1] if mute else "0"}',
                  f'devices known: {", ".join(d["product_name"] + " (status " + str(d["status"]) + ")" for d in devices) or "none"}',
-                 f'plugged: {", ".join(self.plugged) or "nothing"}']
+                 f'plugged: {", ".join(self.plugged) or "nothing"}',
+                 f'keys grabbed: {", ".join(str(key) for key in grabbed) or "none"}']
         for line in lines:
             self.timeline.say('state', line)
 
@@ -215,6 +252,7 @@ class SimulatedTV:
         """Prints what happened since the last call."""
         self._follow_log()
         self._follow_calls()
+        self._follow_launches()
         self._follow_signals()
         self._follow_notify()
 
@@ -231,11 +269,21 @@ class SimulatedTV:
 
     def _follow_calls(self):
         for (service, method), text in CALLS.items():
-            calls = getattr(self.services, service).calls(method)
+            calls = (getattr(self.services, service, None) or getattr(self, service)).calls(method)
             seen = self._calls_seen.get((service, method), 0)
             for _, args in calls[seen:]:
                 self.timeline.say('platform', text.format(*args))
             self._calls_seen[(service, method)] = len(calls)
+
+    def _follow_launches(self):
+        launches = self.tv_viewer.calls('Launch')
+        for _, args in launches[self._seen['launches']:]:
+            extra = dict(tuple(pair) for pair in args[1])
+            text = f'TV viewer <- {extra.get("cmd")} "{extra.get("value")}"'
+            if 'speaker_name' in extra:
+                text += f' on "{extra["speaker_name"]}"'
+            self.timeline.say('platform', text)
+        self._seen['launches'] = len(launches)
 
     def _follow_signals(self):
         received = self.signals.signals()
@@ -292,7 +340,15 @@ def demo(tv):
     tv.start_service()
     tv.settle_until('No devices found.', 15)
     tv.plug('headset')
-    tv.settle(3)
+    tv.settle(2)
+    tv.key('up')
+    tv.settle(1)
+    tv.key('up', hold=3)
+    tv.settle(1)
+    tv.key('mute')
+    tv.settle(1)
+    tv.key('down')
+    tv.settle(1)
     tv.state()
     tv.route(TV_SPEAKER_ROUTE)
     tv.settle(1.5)
@@ -311,6 +367,10 @@ def demo(tv):
 
 COMMANDS_HELP = '''commands:
   plug NAME | unplug NAME     a catalogue device ({names})
+  key up|down|mute [HOLD]     a remote's volume key (held for HOLD repeats)
+  tts on|off                  the screen reader
+  multiview on|off            split screen
+  mirror level N | mirror mute 0|1   screen mirroring's volume
   standby | resume            the TV's power button
   route N                     the viewer picks output route N (7 TV speakers, 15 USB headset)
   state                       what the TV knows now
@@ -327,7 +387,8 @@ def run(tv):
           + COMMANDS_HELP.format(names=', '.join(CATALOGUE)) + '\n', flush=True)
     actions = {'plug': tv.plug, 'unplug': tv.unplug, 'standby': tv.standby, 'resume': tv.resume,
                'route': lambda n: tv.route(int(n)), 'state': tv.state,
-               'wait': lambda s: tv.settle(float(s))}
+               'wait': lambda s: tv.settle(float(s)), 'key': tv.key, 'tts': tv.tts,
+               'multiview': tv.multiview, 'mirror': tv.mirror}
     for line in sys.stdin:
         words = line.split()
         if not words:
