@@ -6,6 +6,7 @@
 #include "DMesgAnalysis.h"
 #include "DevicesDepot.h"
 #include "DevicesDetected.h"
+#include "HadrixDbusAPIServer.h"
 #include "HadrixUtil.h"
 #include "KPILog.h"
 #include "LocalFileData.h"
@@ -262,6 +263,7 @@ void CUSBDevice::m_FinishBoot(bool found)
         LOGI("Not usb audio mode...");
         m_SwitchToUSBSpeakerIfPluggedByUser();
     }
+    CUSBAPIServer::m_SendEventToClient(nullptr);
 }
 
 void CUSBDevice::m_SwitchToUSBSpeakerIfPluggedByUser()
@@ -283,12 +285,11 @@ void CUSBDevice::m_FinishStandby(bool found)
     if (!found) {
         LOGI("No devices found.");
         WaitOrDisableUSBOutputByEmptyDeviceList();
-        return;
-    }
-    if (CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode()) {
+    } else if (CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode()) {
         LOGI("switch to usb speaker as it is usb audio mode...");
         m_SwitchToUSBSpeaker();
     }
+    CUSBAPIServer::m_SendEventToClient(nullptr);
 }
 
 // Read and written as files (never through a shell redirect, which would follow a link planted

@@ -9,6 +9,7 @@
 
 #include <gio/gio.h>
 
+#include "HadrixDeviceListInfo.h"
 #include "Singleton.h"
 #include "USBDeviceInfo.h"
 #include "nimbos/usb.h"
@@ -43,6 +44,9 @@ public:
     // The display name of the devices carrying the output, for on-screen texts
     // (USBDeviceLists.cpp).
     std::string GetDeviceInfoForOSD();
+    // Fills a cleared list for client applications; returns the number of records (at most 2).
+    // Safe on any thread (USBDeviceLists.cpp).
+    int GetNetDeviceList(HadrixDeviceListInfo_t *list);
     // Whether a key device's name contains an attached device's full name, manufacturer and
     // product (USBDeviceGamepad.cpp).
     bool CheckWhetherUsbDevice(const std::string &deviceName);

@@ -1,7 +1,13 @@
-// Read-outs of the device manager's list for the screen.
+// Read-outs of the device manager's list for the screen and for client applications.
+#include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
+#include <glib.h>
+
+#include "HadrixDeviceListInfo.h"
+#include "LocalFileData.h"
 #include "Log.h"
 #include "USBDevice.h"
 #include "UsbOutputChoice.h"
@@ -10,6 +16,10 @@ namespace {
 
 constexpr char kOSDSuffix[] = "(USB)";
 constexpr char kOSDSeparator[] = " + ";
+constexpr char kNetDeviceType[] = "USB Headphone";
+constexpr char kNetConnected[] = "connected";
+constexpr char kNetDisconnected[] = "disconnected";
+constexpr char kNetProductSuffix[] = " (USB)";
 
 // The names of the devices whose use matches inUse, in list order, each with its suffix.
 std::string JoinOSDNames(const std::vector<USBDeviceInfo> &devices, bool inUse)
@@ -25,7 +35,50 @@ std::string JoinOSDNames(const std::vector<USBDeviceInfo> &devices, bool inUse)
     return text;
 }
 
+// Copies text into a zeroed field, cut so that the field still ends in its terminator.
+template <size_t N>
+void CopyField(char (&field)[N], const std::string &text)
+{
+    memcpy(field, text.data(), std::min(text.size(), N - 1));
+}
+
+void FillNetRecord(HadrixDeviceRecord_t &record, const USBDeviceInfo &device, bool inUse,
+                   int32_t volumeLevel)
+{
+    record.selected = inUse ? 1 : 0;
+    CopyField(record.type, kNetDeviceType);
+    CopyField(record.connectStatus, inUse ? kNetConnected : kNetDisconnected);
+    record.volumeLevel = GINT32_TO_LE(volumeLevel);
+    CopyField(record.productName, device.strProductName + kNetProductSuffix);
+    CopyField(record.manufacturer, device.strManufature);
+}
+
 } // namespace
+
+int FillNetDeviceList(std::vector<USBDeviceInfo> &devices, int32_t volumeLevel,
+                      HadrixDeviceListInfo_t *list)
+{
+    if (devices.empty())
+        return 0;
+    CUsbOutputChoice::SortByTimeStamp(devices);
+    int filled = 0;
+    for (bool inUse : {true, false}) {
+        for (const USBDeviceInfo &device : devices) {
+            if (filled == kMaxNetDevices)
+                return filled;
+            if ((device.eStatus == DEVICE_STATUS_USING) == inUse)
+                FillNetRecord(list->device[filled++], device, inUse, volumeLevel);
+        }
+    }
+    return filled;
+}
+
+// Runs on the client API's thread: it works on a copy of the list.
+int CUSBDevice::GetNetDeviceList(HadrixDeviceListInfo_t *list)
+{
+    std::vector<USBDeviceInfo> devices = GetDevices();
+    return FillNetDeviceList(devices, CSingleton<CLocalFileData>::GetInstance()->GetVolumeLevel(), list);
+}
 
 // The one or two devices in use; with none (or more than the output can carry) the idle devices,
 // oldest first.

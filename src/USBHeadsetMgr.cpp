@@ -6,6 +6,7 @@
 
 #include "AudioControlMgr.h"
 #include "DMesgAnalysis.h"
+#include "HadrixDbusAPIServer.h"
 #include "HadrixUtil.h"
 #include "KeyEventHandler.h"
 #include "LocalFileData.h"
@@ -164,6 +165,7 @@ void CUSBHeadsetMgr::m_OnDetectUsbCB(usb_device_s *device, char *action, void *u
 
     handle.reset();
     self->m_SetKeyGrabOrUngrab();
+    CUSBAPIServer::m_SendEventToClient(nullptr);
     LOGI("Ondetect info end");
 }
 

@@ -6,6 +6,7 @@
 
 #include <glib.h>
 
+#include "HadrixDbusAPIServer.h"
 #include "HadrixUtil.h"
 #include "LocalFileData.h"
 #include "Log.h"
@@ -83,6 +84,7 @@ void service_app_terminate(void *)
 {
     LOGE("service_app_terminate");
     usb_device_fini();
+    CSingleton<CUSBAPIServer>::GetInstance()->DestroyListener();
     // A "Start" or "Stop" still on its way to the audio server is finished, not cut off.
     CSingleton<CPulseAudioHandler>::GetInstance()->StopSendSignalToPulseAudio();
 }
@@ -108,6 +110,12 @@ int main(int argc, char *argv[])
         LOGE("CUSBHeadsetMgr::GetInstance() return null, quit");
         return 0;
     }
+    CUSBAPIServer *apiServer = CSingleton<CUSBAPIServer>::GetInstance();
+    if (!apiServer) {
+        LOGE("pInstance is NULL");
+        return -1;
+    }
+    apiServer->CreateListener();
 
     CSingleton<CSoundMirroringEventHandler>::GetInstance();
     CSingleton<CMultiviewHandler>::GetInstance();

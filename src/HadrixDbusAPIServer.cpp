@@ -1,0 +1,466 @@
+// The client API server: its listener thread, the bus callbacks, the four methods, the broadcast
+// to subscribers and the subscriber file.
+#include "HadrixDbusAPIServer.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <memory>
+#include <sys/stat.h>
+#include <system_error>
+
+#include "HadrixDeviceListInfo.h"
+#include "Log.h"
+#include "USBDevice.h"
+#include "UniqueFd.h"
+#include "nimbos/paths.h"
+
+namespace {
+
+constexpr char kBusName[] = "org.nimbos.hadrix.server";
+constexpr char kObjectPath[] = "/org/nimbos/tv/hadrix/server";
+constexpr char kSkeletonPath[] = "/org/nimbos/hadrex";
+constexpr char kSubscriberFile[] = "hadrix/data/.subscriber";
+
+constexpr char kCheckDbusConnection[] = "check_dbus_connection";
+constexpr char kSubscribe[] = "SubscribeHadrixServiceCallback";
+constexpr char kUnsubscribe[] = "UnSubscribeHadrixServiceCallback";
+constexpr char kGetDeviceListInfo[] = "GetDeviceListInfo";
+
+constexpr char kIntrospectionXml[] =
+    "<node>"
+    "  <interface name='org.nimbos.hadrix.server.interface'>"
+    "    <method name='check_dbus_connection'>"
+    "      <arg type='s' name='proname' direction='in'/>"
+    "      <arg type='s' name='result' direction='out'/>"
+    "    </method>"
+    "    <method name='SubscribeHadrixServiceCallback'>"
+    "      <arg type='s' name='proname' direction='in'/>"
+    "      <arg type='s' name='result' direction='out'/>"
+    "    </method>"
+    "    <method name='UnSubscribeHadrixServiceCallback'>"
+    "      <arg type='s' name='proname' direction='in'/>"
+    "      <arg type='s' name='result' direction='out'/>"
+    "    </method>"
+    "    <method name='GetDeviceListInfo'>"
+    "      <arg type='i' name='value' direction='in'/>"
+    "      <arg type='ay' name='result' direction='out'/>"
+    "    </method>"
+    "    <signal name='Notify_client_message'>"
+    "      <arg type='a{ii}' name='message_array'/>"
+    "    </signal>"
+    "  </interface>"
+    "</node>";
+
+// The broadcast carries no information of its own: its arrival is the news.
+constexpr gint32 kPlaceholderKey = 123;
+constexpr gint32 kPlaceholderValue = 321;
+constexpr gint32 kDeviceChangedMessage = 10;
+
+constexpr size_t kClientObjectSize = 256; // "obj" + process name, cut to 255 characters
+
+std::string ClientObjectName(const char *processName)
+{
+    char name[kClientObjectSize];
+    snprintf(name, sizeof name, "obj%s", processName);
+    return name;
+}
+
+// A process name is stored as one word of the subscriber file.
+bool IsStorableProcessName(const char *name)
+{
+    if (*name == '\0')
+        return false;
+    for (const char *c = name; *c; ++c) {
+        if (g_ascii_isspace(*c))
+            return false;
+    }
+    return true;
+}
+
+gboolean QuitLoopCb(gpointer data)
+{
+    g_main_loop_quit(static_cast<GMainLoop *>(data));
+    return G_SOURCE_REMOVE;
+}
+
+// A quit asked from another thread, or before the loop runs, is carried out by the loop itself.
+void QuitLoopFromItsContext(GMainContext *context, GMainLoop *loop)
+{
+    GSource *source = g_idle_source_new();
+    g_source_set_callback(source, QuitLoopCb, g_main_loop_ref(loop),
+                          reinterpret_cast<GDestroyNotify>(g_main_loop_unref));
+    g_source_attach(source, context);
+    g_source_unref(source);
+}
+
+bool WriteAll(int fd, const std::string &text)
+{
+    size_t done = 0;
+    while (done < text.size()) {
+        ssize_t written = write(fd, text.data() + done, text.size() - done);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        done += static_cast<size_t>(written);
+    }
+    return true;
+}
+
+bool CreateEmptyFile(const std::string &path)
+{
+    g_autofree gchar *directory = g_path_get_dirname(path.c_str());
+    if (g_mkdir_with_parents(directory, 0755) != 0) {
+        LOGE("cannot create %s: %s", directory, strerror(errno));
+        return false;
+    }
+    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!fd.valid()) {
+        LOGE("cannot create %s: %s", path.c_str(), strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+CUSBAPIServer::CUSBAPIServer() : m_InterfaceVTable{m_HandleMethodCall, nullptr, nullptr, {}}
+{
+    LOGD("CUSBAPIServer");
+}
+
+CUSBAPIServer::~CUSBAPIServer()
+{
+    if (m_ListenerThread.joinable())
+        DestroyListener();
+}
+
+std::string CUSBAPIServer::SubscriberFilePath()
+{
+    return nimbos::DataRoot() + kSubscriberFile;
+}
+
+bool CUSBAPIServer::CreateListener()
+{
+    LOGI("CreateListener Enter");
+    if (m_ListenerThread.joinable()) {
+        LOGW("the listener is already running");
+        return true;
+    }
+    m_LoadConnection();
+    {
+        std::lock_guard<std::mutex> lock(m_LoopMutex);
+        m_bStopping = false;
+    }
+    try {
+        m_ListenerThread = std::thread(m_Listener, this);
+    } catch (const std::system_error &) {
+        LOGE("pthread_create(m_Listener) fail");
+        return false;
+    }
+    return true;
+}
+
+void CUSBAPIServer::DestroyListener()
+{
+    LOGI("DestroyListener Enter");
+    {
+        std::lock_guard<std::mutex> lock(m_LoopMutex);
+        m_bStopping = true;
+        if (m_pMainLoop)
+            QuitLoopFromItsContext(m_pContext, m_pMainLoop);
+    }
+    if (m_ListenerThread.joinable()) {
+        try {
+            m_ListenerThread.join();
+        } catch (const std::system_error &) {
+            LOGE("pthread_join(m_threadId) fail");
+        }
+    }
+    m_ReleaseSkeleton();
+}
+
+void *CUSBAPIServer::m_Listener(void *data)
+{
+    auto *self = static_cast<CUSBAPIServer *>(data);
+    LOGI("m_Listener Enter");
+    g_autoptr(GMainContext) context = g_main_context_new();
+    g_main_context_push_thread_default(context);
+
+    g_autoptr(GError) error = nullptr;
+    self->m_pNodeInfo = g_dbus_node_info_new_for_xml(kIntrospectionXml, &error);
+    if (!self->m_pNodeInfo) {
+        LOGE("introspection data cannot be parsed: %s", error->message);
+        g_main_context_pop_thread_default(context);
+        return nullptr;
+    }
+
+    const guint ownerId = g_bus_own_name(G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_NONE,
+                                         m_OnBusAcquired, m_OnNameAcquired, m_OnNameLost, self,
+                                         nullptr);
+    if (ownerId == 0) {
+        LOGE("0 == nOwnerId");
+    } else {
+        g_autoptr(GMainLoop) loop = g_main_loop_new(context, FALSE);
+        if (self->m_PrepareLoop(context, loop))
+            g_main_loop_run(loop);
+        self->m_ReleaseLoop();
+        g_bus_unown_name(ownerId);
+    }
+
+    if (self->m_nRegisterId != 0) {
+        g_dbus_connection_unregister_object(self->m_pConnection, self->m_nRegisterId);
+        self->m_nRegisterId = 0;
+    }
+    g_clear_object(&self->m_pConnection);
+    g_clear_pointer(&self->m_pNodeInfo, g_dbus_node_info_unref);
+    g_main_context_pop_thread_default(context);
+    return nullptr;
+}
+
+bool CUSBAPIServer::m_PrepareLoop(GMainContext *context, GMainLoop *loop)
+{
+    std::lock_guard<std::mutex> lock(m_LoopMutex);
+    if (m_bStopping)
+        return false;
+    m_pContext = context;
+    m_pMainLoop = loop;
+    return true;
+}
+
+void CUSBAPIServer::m_ReleaseLoop()
+{
+    std::lock_guard<std::mutex> lock(m_LoopMutex);
+    m_pMainLoop = nullptr;
+    m_pContext = nullptr;
+}
+
+void CUSBAPIServer::m_OnBusAcquired(GDBusConnection *connection, const gchar *, gpointer data)
+{
+    LOGI("m_OnBusAcquired Enter");
+    auto *self = static_cast<CUSBAPIServer *>(data);
+    if (!self) {
+        LOGE("pInstance is NULL");
+        return;
+    }
+    g_autoptr(GError) error = nullptr;
+    self->m_nRegisterId = g_dbus_connection_register_object(
+        connection, kObjectPath, self->m_pNodeInfo->interfaces[0], &self->m_InterfaceVTable, self,
+        nullptr, &error);
+    if (error) {
+        LOGE("NULL != pError");
+        LOGE("%s", error->message);
+        if (self->m_nRegisterId != 0)
+            g_dbus_connection_unregister_object(connection, self->m_nRegisterId);
+        self->m_nRegisterId = 0;
+    }
+    if (self->m_nRegisterId == 0) {
+        LOGE("pInstance->m_nRegisterId is 0");
+        return;
+    }
+    self->m_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));
+    LOGI("m_nRegisterId[%d]", self->m_nRegisterId);
+    self->m_ExportSkeleton(connection);
+}
+
+void CUSBAPIServer::m_ExportSkeleton(GDBusConnection *connection)
+{
+    OrgNimbosHadrixServerInterface *skeleton = org_nimbos_hadrix_server_interface_skeleton_new();
+    if (!skeleton) {
+        LOGE("m_pSkeleton is NULL\n");
+        return;
+    }
+    LOGI("m_pSkeleton is not NULL\n");
+    {
+        std::lock_guard<std::mutex> lock(m_SkeletonMutex);
+        if (m_pSkeleton)
+            g_object_unref(m_pSkeleton);
+        m_pSkeleton = skeleton;
+    }
+    g_autoptr(GError) error = nullptr;
+    if (g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton), connection,
+                                         kSkeletonPath, &error))
+        LOGI("g_dbus_interface_skeleton_export success\n");
+    else
+        LOGE("g_dbus_interface_skeleton_export fail\n");
+}
+
+void CUSBAPIServer::m_OnNameAcquired(GDBusConnection *, const gchar *, gpointer)
+{
+    LOGI("m_OnNameAcquired Enter");
+}
+
+void CUSBAPIServer::m_OnNameLost(GDBusConnection *, const gchar *, gpointer)
+{
+    LOGE("m_OnNameLost Enter");
+}
+
+OrgNimbosHadrixServerInterface *CUSBAPIServer::m_RefSkeleton()
+{
+    std::lock_guard<std::mutex> lock(m_SkeletonMutex);
+    return m_pSkeleton ? static_cast<OrgNimbosHadrixServerInterface *>(g_object_ref(m_pSkeleton))
+                       : nullptr;
+}
+
+void CUSBAPIServer::m_ReleaseSkeleton()
+{
+    OrgNimbosHadrixServerInterface *skeleton = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_SkeletonMutex);
+        skeleton = m_pSkeleton;
+        m_pSkeleton = nullptr;
+    }
+    if (!skeleton)
+        return;
+    g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(skeleton));
+    g_object_unref(skeleton);
+}
+
+void CUSBAPIServer::m_HandleMethodCall(GDBusConnection *, const gchar *, const gchar *,
+                                       const gchar *, const gchar *methodName, GVariant *parameters,
+                                       GDBusMethodInvocation *invocation, gpointer data)
+{
+    LOGI("m_HandleMethodCall Enter");
+    auto *self = static_cast<CUSBAPIServer *>(data);
+    if (!self) {
+        LOGE("pInstance is NULL");
+        return;
+    }
+    if (g_strcmp0(methodName, kCheckDbusConnection) == 0)
+        self->m_CheckDbusConnection(parameters, invocation);
+    else if (g_strcmp0(methodName, kSubscribe) == 0)
+        self->m_ReceiveSubscribeHadrixServiceCallback(parameters, invocation);
+    else if (g_strcmp0(methodName, kUnsubscribe) == 0)
+        self->m_ReceiveUnsubscribeHadrixServiceCallback(parameters, invocation);
+    else if (g_strcmp0(methodName, kGetDeviceListInfo) == 0)
+        self->m_ReceiveGetDeviceListInfo(parameters, invocation);
+}
+
+void CUSBAPIServer::m_CheckDbusConnection(GVariant *parameters, GDBusMethodInvocation *invocation)
+{
+    const gchar *processName = nullptr;
+    g_variant_get(parameters, "(&s)", &processName);
+    g_dbus_method_invocation_return_value(
+        invocation, g_variant_new("(s)", ClientObjectName(processName).c_str()));
+}
+
+void CUSBAPIServer::m_ReceiveSubscribeHadrixServiceCallback(GVariant *parameters,
+                                                            GDBusMethodInvocation *invocation)
+{
+    LOGI("m_ReceiveSubscribeHadrixServiceCallback Enter");
+    const gchar *processName = nullptr;
+    g_variant_get(parameters, "(&s)", &processName);
+    if (!IsStorableProcessName(processName)) {
+        LOGE("refused process name [%s]: empty or with white space", processName);
+        g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
+                                              "a process name is one word");
+        return;
+    }
+    const std::string clientObj = ClientObjectName(processName);
+    {
+        std::lock_guard<std::mutex> lock(m_ConnectionMutex);
+        m_MapConnection[processName] = clientObj;
+        LOGI("process:[%s] establish clientObj:[%s]", processName, clientObj.c_str());
+    }
+    m_SaveConnection();
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", clientObj.c_str()));
+}
+
+void CUSBAPIServer::m_ReceiveUnsubscribeHadrixServiceCallback(GVariant *parameters,
+                                                              GDBusMethodInvocation *invocation)
+{
+    LOGI("m_ReceiveUnsubscribeHadrixServiceCallback Enter");
+    const gchar *processName = nullptr;
+    g_variant_get(parameters, "(&s)", &processName);
+    const std::string clientObj = ClientObjectName(processName);
+    LOGI("process:[%s] establish clientObj:[%s]", processName, clientObj.c_str());
+    {
+        std::lock_guard<std::mutex> lock(m_ConnectionMutex);
+        m_MapConnection.erase(processName);
+    }
+    m_SaveConnection();
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", clientObj.c_str()));
+}
+
+void CUSBAPIServer::m_ReceiveGetDeviceListInfo(GVariant *, GDBusMethodInvocation *invocation)
+{
+    LOGI("m_ReceiveGetDeviceListInfo Enter");
+    auto list = std::make_unique<HadrixDeviceListInfo_t>(); // value-initialised: all zero
+    const int count = CSingleton<CUSBDevice>::GetInstance()->GetNetDeviceList(list.get());
+    LOGI("NetDeviceSize[%d]", count);
+    for (int index = 0; index < count; ++index) {
+        const HadrixDeviceRecord_t &record = list->device[index];
+        const int volume = GINT32_FROM_LE(record.volumeLevel);
+        LOGI("Device Index:[%d],Productname:[%s],Manufacturer:[%s],ConnectStatus:[%s],"
+             "Volumelevel:[%d],Type:[%s],Selected:[%d]",
+             index, record.productName, record.manufacturer, record.connectStatus, volume,
+             record.type, record.selected);
+    }
+    GVariant *bytes = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, list->device,
+                                                count * sizeof(HadrixDeviceRecord_t), 1);
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(@ay)", bytes));
+}
+
+void CUSBAPIServer::m_SendEventToClient(void *)
+{
+    LOGI("m_SendEventToClient Enter");
+    g_autoptr(OrgNimbosHadrixServerInterface) skeleton = GetInstance()->m_RefSkeleton();
+    if (!skeleton) {
+        LOGW("m_SendEventToClient OUT for server not ready");
+        return;
+    }
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE("a{ii}"));
+    g_variant_builder_add(&builder, "{ii}", kPlaceholderKey, kPlaceholderValue);
+    org_nimbos_hadrix_server_interface_emit_notify_client_message(skeleton,
+                                                                  g_variant_builder_end(&builder));
+    org_nimbos_hadrix_server_interface_emit_send_message(skeleton, kDeviceChangedMessage);
+    LOGI("m_SendEventToClient end");
+}
+
+// Only the result of the first look decides about a link: a file created here is not looked at
+// again, and O_NOFOLLOW keeps a link planted in between from being written through.
+void CUSBAPIServer::m_SaveConnection()
+{
+    const std::string path = SubscriberFilePath();
+    struct stat info;
+    if (lstat(path.c_str(), &info) != 0) {
+        if (!CreateEmptyFile(path))
+            return;
+        LOGI("create hadrix/data/.subscriber successfully");
+    } else if (S_ISLNK(info.st_mode)) {
+        LOGE("symbolic link is detected");
+        return;
+    }
+    UniqueFd fd(open(path.c_str(), O_RDWR | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.valid()) {
+        LOGE("cannot open %s: %s", path.c_str(), strerror(errno));
+        return;
+    }
+    std::lock_guard<std::mutex> lock(m_ConnectionMutex);
+    for (const auto &entry : m_MapConnection) {
+        if (!WriteAll(fd.get(), entry.first + " " + entry.second + "\n")) {
+            LOGE("cannot write %s: %s", path.c_str(), strerror(errno));
+            return;
+        }
+    }
+}
+
+void CUSBAPIServer::m_LoadConnection()
+{
+    LOGI("m_LoadConnection Enter");
+    std::ifstream file(SubscriberFilePath());
+    if (!file) {
+        LOGW("open connection file failed");
+        return;
+    }
+    std::string procName;
+    std::string connectionObj;
+    while (file >> procName >> connectionObj) {
+        LOGI("procName[%s], connectionObj[%s]", procName.c_str(), connectionObj.c_str());
+        std::lock_guard<std::mutex> lock(m_ConnectionMutex);
+        m_MapConnection.emplace(procName, connectionObj);
+    }
+}

@@ -1,0 +1,86 @@
+// The service's own D-Bus endpoint for client applications: a liveness check, subscription of
+// client processes (remembered across restarts in a small file), the USB audio device list, and
+// a broadcast when the device situation changes. It runs its own GLib main loop on a thread of
+// its own, so D-Bus traffic never waits for the service's main loop.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <gio/gio.h>
+
+#include "Singleton.h"
+#include "hadrix-server-gen.h"
+
+class CUSBAPIServer : public CSingleton<CUSBAPIServer> {
+    friend class CSingleton<CUSBAPIServer>;
+
+public:
+    ~CUSBAPIServer() override;
+
+    // Loads the subscribers and starts the listener thread; false if the thread cannot start.
+    bool CreateListener();
+    // Ends the listener's loop from any thread and waits for the thread.
+    void DestroyListener();
+
+    // Tells clients that the device situation changed. Any thread; the argument is not used.
+    static void m_SendEventToClient(void *data);
+
+    // The subscriber file, resolved against the application-data root.
+    static std::string SubscriberFilePath();
+
+private:
+    CUSBAPIServer();
+
+    static void *m_Listener(void *data);
+    // Sets up the listener's context and loop; false when DestroyListener came first.
+    bool m_PrepareLoop(GMainContext *context, GMainLoop *loop);
+    void m_ReleaseLoop();
+
+    static void m_OnBusAcquired(GDBusConnection *connection, const gchar *name, gpointer data);
+    static void m_OnNameAcquired(GDBusConnection *connection, const gchar *name, gpointer data);
+    static void m_OnNameLost(GDBusConnection *connection, const gchar *name, gpointer data);
+    void m_ExportSkeleton(GDBusConnection *connection);
+
+    static void m_HandleMethodCall(GDBusConnection *connection, const gchar *sender,
+                                   const gchar *objectPath, const gchar *interfaceName,
+                                   const gchar *methodName, GVariant *parameters,
+                                   GDBusMethodInvocation *invocation, gpointer data);
+    void m_CheckDbusConnection(GVariant *parameters, GDBusMethodInvocation *invocation);
+    void m_ReceiveSubscribeHadrixServiceCallback(GVariant *parameters,
+                                                 GDBusMethodInvocation *invocation);
+    void m_ReceiveUnsubscribeHadrixServiceCallback(GVariant *parameters,
+                                                   GDBusMethodInvocation *invocation);
+    void m_ReceiveGetDeviceListInfo(GVariant *parameters, GDBusMethodInvocation *invocation);
+
+    // The skeleton signals are emitted through, with a reference of the caller's; null before the
+    // bus was acquired.
+    OrgNimbosHadrixServerInterface *m_RefSkeleton();
+    void m_ReleaseSkeleton();
+
+    void m_SaveConnection();
+    void m_LoadConnection();
+
+    // Process name -> client object name.
+    std::map<std::string, std::string> m_MapConnection;
+    std::mutex m_ConnectionMutex;
+
+    std::thread m_ListenerThread;
+    GDBusInterfaceVTable m_InterfaceVTable;
+
+    // Listener-thread state; the loop and its context are also reached by DestroyListener, so
+    // they are guarded by m_LoopMutex.
+    std::mutex m_LoopMutex;
+    GMainContext *m_pContext = nullptr;
+    GMainLoop *m_pMainLoop = nullptr;
+    bool m_bStopping = false;
+    GDBusNodeInfo *m_pNodeInfo = nullptr;
+    GDBusConnection *m_pConnection = nullptr;
+    guint m_nRegisterId = 0;
+
+    // Written by the listener thread, read by m_SendEventToClient on the main loop.
+    std::mutex m_SkeletonMutex;
+    OrgNimbosHadrixServerInterface *m_pSkeleton = nullptr;
+};
