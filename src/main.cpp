@@ -6,6 +6,7 @@
 
 #include <glib.h>
 
+#include "DebugCommand.h"
 #include "HadrixDbusAPIServer.h"
 #include "HadrixUtil.h"
 #include "LocalFileData.h"
@@ -89,9 +90,11 @@ void service_app_terminate(void *)
     CSingleton<CPulseAudioHandler>::GetInstance()->StopSendSignalToPulseAudio();
 }
 
-void service_app_control(app_control_h, void *)
+void service_app_control(app_control_h app_control, void *user_data)
 {
     LOGE("service_app_control");
+    getCardFromPulse(nullptr);
+    ParseCommand(app_control, user_data);
 }
 
 } // namespace
