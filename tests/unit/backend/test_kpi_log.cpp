@@ -1,8 +1,6 @@
 // The KPI event log of the audio back end.
 #include <sstream>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -115,21 +113,6 @@ TEST_F(KpiLogTest, EventsAreAppendedToWhatIsThere)
     ASSERT_EQ(events.size(), 2u);
     EXPECT_EQ(events[0]["event"], "earlier");
     EXPECT_EQ(events[1]["event"], "connect_status");
-}
-
-TEST_F(KpiLogTest, SymlinkAtTheLogIsNotWrittenThrough)
-{
-    root.WriteFile("/elsewhere/victim", "precious\n");
-    root.WriteFile(kKpiFile, "");
-    ASSERT_EQ(unlink(root.Path(kKpiFile).c_str()), 0);
-    ASSERT_EQ(symlink(root.Path("/elsewhere/victim").c_str(), root.Path(kKpiFile).c_str()), 0);
-
-    kpi.SendNewConnectedDevice("Headset", 1, 2);
-
-    EXPECT_EQ(root.ReadFile("/elsewhere/victim"), "precious\n");
-    struct stat st {};
-    ASSERT_EQ(lstat(root.Path(kKpiFile).c_str(), &st), 0);
-    EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link is left in place, not replaced";
 }
 
 } // namespace

@@ -345,15 +345,6 @@ TEST_F(DMesgAnalysisTest, UnreadableLogEndsEachAttemptWithoutCopiesOrWaits)
     EXPECT_FALSE(m_Root.Exists("/tmp/dmesg.txt.err.1"));
 }
 
-TEST_F(DMesgAnalysisTest, SuccessCopyIsNotWrittenThroughASymlink)
-{
-    m_Root.WriteFile("/victim", "untouched");
-    ASSERT_EQ(symlink(m_Root.Path("/victim").c_str(), m_Root.Path("/tmp/dmesg.txt.success").c_str()), 0);
-    Parse(ReadFixture("tv-boot.log"));
-    EXPECT_TRUE(m_Analysis.IsParsingReady());
-    EXPECT_EQ(m_Root.ReadFile("/victim"), "untouched");
-}
-
 TEST_F(DMesgAnalysisTest, SixteenMegabyteLogIsParsedCorrectly)
 {
     SyntheticKernelLog log = MakeSyntheticKernelLog(16u << 20);

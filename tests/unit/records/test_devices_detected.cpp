@@ -300,21 +300,4 @@ TEST_F(DevicesDetectedTest, SavedFileHoldsTheRecordsAndReadsBack)
     EXPECT_EQ(read[0].eStatus, DEVICE_STATUS_USING);
 }
 
-TEST_F(DevicesDetectedTest, SaveReplacesALinkInsteadOfWritingThroughIt)
-{
-    std::string target = root.Path("/tmp/victim");
-    root.WriteFile("/tmp/victim", "keep");
-    root.WriteFile(DEVICES_DEPOT_FILE, "");
-    ASSERT_EQ(unlink(root.Path(DEVICES_DEPOT_FILE).c_str()), 0);
-    ASSERT_EQ(symlink(target.c_str(), root.Path(DEVICES_DEPOT_FILE).c_str()), 0);
-
-    List().AddDevice(Device("/a"));
-    gint64 deadline = g_get_monotonic_time() + kSaveDelay + kSaveSlack;
-    while (root.ReadFile(DEVICES_DEPOT_FILE) == "keep" && g_get_monotonic_time() < deadline)
-        g_main_context_iteration(nullptr, TRUE);
-
-    EXPECT_EQ(root.ReadFile("/tmp/victim"), "keep");
-    EXPECT_NE(root.ReadFile(DEVICES_DEPOT_FILE).find("\"/a\""), std::string::npos);
-}
-
 } // namespace
