@@ -72,25 +72,10 @@ def test_playback_volume_below_max_is_set_to_max_by_numid(plug, set_max_volume, 
 def test_controls_at_max_are_not_written(plug, set_max_volume):
     card = plug(headset_at_max())
 
-    result, log = set_max_volume()
+    result, _ = set_max_volume()
 
     assert result == 0
     assert card.writes == []
-    assert log.count('current value == max, need not set again') == 2
-
-
-def test_walk_logs_each_playback_volume(plug, set_max_volume):
-    plug(stereo_headset())
-
-    _, log = set_max_volume()
-
-    assert 'id : numid=2,iface=MIXER,name=\'PCM Playback Volume\'' in log
-    assert 'numid : 2, ifacet : 2, index : 0, device : 0, subdevice : 0,' in log
-    assert 'count: [2] min : [0]  max: [127]  step [1]' in log
-    assert log.count('idx : [0], value :[30]') == 1
-    assert log.count('idx : [1], value :[30]') == 1
-    # The element is read again after the write: both channels now at max.
-    assert log.count('idx : [1], value :[127]') == 1
 
 
 @pytest.mark.parametrize('kept, rewritten_by_name', [(95, False), (94, True)],
@@ -141,18 +126,11 @@ def test_controls_that_are_not_usable_playback_volumes_are_left_alone(plug, set_
     card = plug(controls)
     before = {c.name: list(c.values) for c in card.controls}
 
-    result, log = set_max_volume()
+    result, _ = set_max_volume()
 
     assert result == 0
     assert card.writes == []
     assert {c.name: c.values for c in card.controls} == before
-    assert log.count('This is not Playback Volume') == 4
-    assert 'value type : 3 is not integer.' in log
-    assert 'info is none writable' in log
-    assert 'info is none readable' in log
-    assert log.count('err min/max value') == 2
-    assert 'not mixer interface' in log
-    assert not any('Master Playback Volume' in line for line in log), 'inactive: not even logged'
 
 
 def test_failed_write_gives_3_and_the_walk_goes_on(plug, set_max_volume):
@@ -172,9 +150,9 @@ def test_failed_write_gives_3_and_the_walk_goes_on(plug, set_max_volume):
     assert log.count('Control hw:1 element write error: Input/output error') == 2
 
 
-@pytest.mark.parametrize('card_number', [32, 33, -1])
-def test_impossible_card_number_gives_1_without_touching_any_card(plug, set_max_volume,
-                                                                   card_number):
+@pytest.mark.parametrize('card_number', [2, 32, 33, -1])
+def test_impossible_or_absent_card_number_gives_1_without_touching_any_card(plug, set_max_volume,
+                                                                             card_number):
     card = plug(stereo_headset())
 
     result, log = set_max_volume(card_number)
@@ -186,16 +164,6 @@ def test_impossible_card_number_gives_1_without_touching_any_card(plug, set_max_
     # The same card is reached with its own number.
     assert set_max_volume(CARD_NUMBER)[0] == 0
     assert card.connections > 0 and card.requests
-
-
-def test_card_that_is_not_there_gives_1(plug, set_max_volume):
-    card = plug(stereo_headset())
-
-    result, log = set_max_volume(2)
-
-    assert result == 1
-    assert 'Invalid card number' in log
-    assert card.requests == []
 
 
 @pytest.mark.parametrize('failing, message', [

@@ -7,7 +7,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <string>
 #include <thread>
 
 namespace {
@@ -42,9 +41,8 @@ service_app_lifecycle_callback_s Callbacks()
 }
 
 // Runs the service loop with a deadline: a loop that does not end within 5 s is ended and marked.
-int RunService(Lifecycle *seen)
+int RunService(Lifecycle *seen, service_app_lifecycle_callback_s callbacks = Callbacks())
 {
-    service_app_lifecycle_callback_s callbacks = Callbacks();
     guint guard = g_timeout_add_seconds(5, [](gpointer data) {
         static_cast<Lifecycle *>(data)->timedOut = true;
         service_app_exit();
@@ -81,26 +79,6 @@ TEST(ServiceLoopTest, ExitFromAnotherThreadEndsTheLoop)
     EXPECT_EQ(seen.terminates, 1);
 }
 
-class TerminateSignalTest : public ::testing::TestWithParam<int> {};
-
-TEST_P(TerminateSignalTest, RunsTheTerminatePathAndReturnsZero)
-{
-    Lifecycle seen;
-    g_idle_add([](gpointer signum) {
-        raise(GPOINTER_TO_INT(signum));
-        return G_SOURCE_REMOVE;
-    }, GINT_TO_POINTER(GetParam()));
-    EXPECT_EQ(RunService(&seen), 0);
-    EXPECT_FALSE(seen.timedOut);
-    EXPECT_EQ(seen.creates, 1);
-    EXPECT_EQ(seen.terminates, 1);
-}
-
-INSTANTIATE_TEST_SUITE_P(Signals, TerminateSignalTest, ::testing::Values(SIGTERM, SIGINT),
-                         [](const ::testing::TestParamInfo<int> &info) {
-                             return std::string(info.param == SIGTERM ? "SIGTERM" : "SIGINT");
-                         });
-
 TEST(ServiceLoopTest, TerminateRequestDuringCreateEndsTheLoopAtOnce)
 {
     Lifecycle seen;
@@ -110,14 +88,7 @@ TEST(ServiceLoopTest, TerminateRequestDuringCreateEndsTheLoopAtOnce)
         raise(SIGTERM);
         return true;
     };
-    guint guard = g_timeout_add_seconds(5, [](gpointer data) {
-        static_cast<Lifecycle *>(data)->timedOut = true;
-        service_app_exit();
-        return G_SOURCE_REMOVE;
-    }, &seen);
-    EXPECT_EQ(service_app_main(0, nullptr, &callbacks, &seen), 0);
-    if (!seen.timedOut)
-        g_source_remove(guard);
+    EXPECT_EQ(RunService(&seen, callbacks), 0);
     EXPECT_FALSE(seen.timedOut);
     EXPECT_EQ(seen.creates, 1);
     EXPECT_EQ(seen.terminates, 1);

@@ -158,42 +158,25 @@ TEST(Jobs, RunOnceOnTheMainLoop)
     EXPECT_EQ(job.runs, 1);
 }
 
-TEST(Jobs, DeletedBeforeRunningNeverRuns)
+TEST(Jobs, DeletedJobsNeverRun)
 {
-    CountedJob deleted, kept;
+    // Deleted before the loop ran, by another job, and by itself while running.
+    CountedJob deleted, deleter, victim, self;
     ecore_job_s *handle = ecore_job_add(Count, &deleted);
-    ecore_job_add(Count, &kept);
-
-    ecore_job_del(handle);
-    RunPending();
-
-    EXPECT_EQ(deleted.runs, 0);
-    EXPECT_EQ(kept.runs, 1);
-}
-
-TEST(Jobs, JobDeletingAnotherStopsIt)
-{
-    CountedJob deleter, victim;
     deleter.handle = ecore_job_add(Count, &deleter);
     victim.handle = ecore_job_add(Count, &victim);
     deleter.toDelete = victim.handle;
+    self.handle = ecore_job_add(Count, &self);
+    self.toDelete = self.handle;
 
+    ecore_job_del(handle);
+    RunPending();
     RunPending();
 
+    EXPECT_EQ(deleted.runs, 0);
     EXPECT_EQ(deleter.runs, 1);
     EXPECT_EQ(victim.runs, 0);
-}
-
-TEST(Jobs, DeletingItselfWhileRunningChangesNothing)
-{
-    CountedJob job;
-    job.handle = ecore_job_add(Count, &job);
-    job.toDelete = job.handle;
-
-    RunPending();
-    RunPending();
-
-    EXPECT_EQ(job.runs, 1);
+    EXPECT_EQ(self.runs, 1);
 }
 
 TEST(Jobs, AddedOnAnotherThreadRunOnTheMainLoop)

@@ -16,7 +16,6 @@
 #include <functional>
 #include <future>
 #include <glib.h>
-#include <poll.h>
 #include <sstream>
 #include <string>
 #include <sys/stat.h>
@@ -135,15 +134,6 @@ struct Child {
             kill(pid, SIGKILL);
             waitpid(pid, nullptr, 0);
         }
-    }
-};
-
-struct FdGuard {
-    int fd = -1;
-    ~FdGuard()
-    {
-        if (fd >= 0)
-            close(fd);
     }
 };
 
@@ -509,99 +499,6 @@ TEST_F(SettingsTest, WriterKilledMidWriteNeverLeavesHalfAValue)
     g_autofree char *last = vconf_get_str(key);
     ASSERT_NE(last, nullptr);
     EXPECT_TRUE(last == a || last == b);
-}
-
-TEST_F(SettingsTest, ToolGetsSetsAndUnsetsThroughTheStore)
-{
-    ASSERT_EQ(vconf_set_int("db/hadrix/volume_level", 50), 0);
-    ToolResult got = RunTool({"get", "db/hadrix/volume_level"});
-    EXPECT_EQ(got.exitCode, 0);
-    EXPECT_EQ(got.out, "int:50\n");
-
-    EXPECT_EQ(RunTool({"set", "memory/test/name", "string", "hello world"}).exitCode, 0);
-    g_autofree char *text = vconf_get_str("memory/test/name");
-    ASSERT_NE(text, nullptr);
-    EXPECT_STREQ(text, "hello world");
-    EXPECT_EQ(RunTool({"set", "memory/test/flag", "bool", "true"}).exitCode, 0);
-    EXPECT_EQ(RunTool({"get", "memory/test/flag"}).out, "bool:1\n");
-    EXPECT_EQ(RunTool({"set", "memory/test/ratio", "double", "0.25"}).exitCode, 0);
-    EXPECT_EQ(RunTool({"get", "memory/test/ratio"}).out, "double:0.25\n");
-
-    EXPECT_EQ(RunTool({"unset", "memory/test/name"}).exitCode, 0);
-    EXPECT_EQ(vconf_get_str("memory/test/name"), nullptr);
-
-    ToolResult missing = RunTool({"get", "memory/test/name"});
-    EXPECT_EQ(missing.exitCode, 1);
-    EXPECT_EQ(missing.out, "");
-    EXPECT_NE(missing.err.find("memory/test/name"), std::string::npos);
-    EXPECT_EQ(RunTool({"unset", "memory/test/name"}).exitCode, 1);
-    EXPECT_EQ(RunTool({"set", "bad/key", "int", "1"}).exitCode, 1);
-}
-
-TEST_F(SettingsTest, ToolRefusesBadUsageWithExitCode2)
-{
-    const std::vector<std::vector<std::string>> usages = {
-        {},
-        {"frobnicate", "db/x"},
-        {"get"},
-        {"get", "db/x", "extra"},
-        {"set", "db/x", "int"},
-        {"set", "db/x", "long", "1"},
-        {"set", "db/x", "int", "12abc"},
-        {"set", "db/x", "int", "99999999999"},
-        {"set", "db/x", "bool", "yes"},
-        {"set", "db/x", "double", "nan"},
-    };
-    for (const auto &args : usages) {
-        SCOPED_TRACE(testing::PrintToString(args));
-        ToolResult result = RunTool(args);
-        EXPECT_EQ(result.exitCode, 2);
-        EXPECT_NE(result.err.find("Usage:"), std::string::npos);
-    }
-    EXPECT_FALSE(fs::exists(dbDir_ / "db/x"));
-    ToolResult help = RunTool({"--help"});
-    EXPECT_EQ(help.exitCode, 0);
-    EXPECT_NE(help.out.find("watch KEY"), std::string::npos);
-}
-
-TEST_F(SettingsTest, ToolWatchPrintsEveryChangeUntilTerminated)
-{
-    std::string tool = HADRIX_SETTINGS_TOOL;
-    std::string command = "watch";
-    std::string key = "memory/test/level";
-    char *argv[] = {tool.data(), command.data(), key.data(), nullptr};
-    GPid pid = 0;
-    FdGuard out;
-    g_autoptr(GError) error = nullptr;
-    ASSERT_TRUE(g_spawn_async_with_pipes(nullptr, argv, nullptr, G_SPAWN_DO_NOT_REAP_CHILD, nullptr, nullptr, &pid,
-                                         nullptr, &out.fd, nullptr, &error))
-        << error->message;
-    Child watcher;
-    watcher.pid = pid;
-
-    // The watch is not known to be registered yet: write until a line comes back.
-    std::string output;
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    for (int value = 1; output.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline;
-         ++value) {
-        ASSERT_EQ(vconf_set_int(key.c_str(), value), 0);
-        pollfd readable{out.fd, POLLIN, 0};
-        if (poll(&readable, 1, 100) == 1) {
-            char buffer[256];
-            ssize_t n = read(out.fd, buffer, sizeof buffer);
-            ASSERT_GT(n, 0);
-            output.append(buffer, static_cast<size_t>(n));
-        }
-    }
-    ASSERT_NE(output.find('\n'), std::string::npos) << "no change printed";
-    EXPECT_EQ(output.rfind("memory/test/level=int:", 0), 0u) << output;
-
-    ASSERT_EQ(kill(pid, SIGTERM), 0);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    watcher.pid = -1;
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // Stored volume and mute, marker files and whole-file operations.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "LocalFileData.h"
@@ -168,6 +169,9 @@ TEST_F(LocalFileDataTest, AppendAddsToTheEndAndRefusesALink)
     ASSERT_EQ(symlink(root.Path("/victim").c_str(), root.Path("/tmp/append").c_str()), 0);
     data.AppendToFile("/tmp/append", "more");
     EXPECT_EQ(root.ReadFile("/victim"), "keep");
+    struct stat st {};
+    ASSERT_EQ(lstat(root.Path("/tmp/append").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link is left in place, not replaced";
 }
 
 } // namespace
