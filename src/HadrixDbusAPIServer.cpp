@@ -388,7 +388,9 @@ void CUSBAPIServer::m_ReceiveGetDeviceListInfo(GVariant *, GDBusMethodInvocation
 {
     LOGI("m_ReceiveGetDeviceListInfo Enter");
     auto list = std::make_unique<HadrixDeviceListInfo_t>(); // value-initialised: all zero
-    const int count = CSingleton<CUSBDevice>::GetInstance()->GetNetDeviceList(list.get());
+    // The device manager is rebuilt on the main loop after standby: hold it while reading.
+    const int count =
+        CSingleton<CUSBDevice>::WithInstance([&list](CUSBDevice &devices) { return devices.GetNetDeviceList(list.get()); });
     LOGI("NetDeviceSize[%d]", count);
     for (int index = 0; index < count; ++index) {
         const HadrixDeviceRecord_t &record = list->device[index];

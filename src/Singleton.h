@@ -39,6 +39,20 @@ public:
         return instance;
     }
 
+    // Runs fn with the instance (made if there is none) while no other thread can release it:
+    // for threads that use an instance the main loop may release and build anew.
+    template <typename Fn>
+    static auto WithInstance(Fn &&fn)
+    {
+        std::lock_guard<std::mutex> lock(m_Singleton_mutex);
+        T *instance = m_pInstance.load(std::memory_order_relaxed);
+        if (!instance) {
+            instance = new T;
+            m_pInstance.store(instance, std::memory_order_release);
+        }
+        return fn(*instance);
+    }
+
     static void ReleaseInstance()
     {
         LOGD("ReleaseInstance");

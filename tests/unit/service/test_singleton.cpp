@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -58,6 +59,31 @@ TEST(Singleton, RacingCallersGetTheSameInstance)
     for (Counted *p : seen)
         EXPECT_EQ(p, seen[0]);
     Counted::ReleaseInstance();
+}
+
+TEST(Singleton, ReleaseWaitsForAUserOnAnotherThread)
+{
+    Counted::ReleaseInstance();
+    std::atomic<bool> inside{false};
+    std::atomic<bool> released{false};
+    std::atomic<bool> releasedWhileInside{false};
+    std::thread user([&] {
+        Counted::WithInstance([&](Counted &counted) {
+            inside = true;
+            // Give a releasing thread every chance to get in while the instance is in use.
+            for (int i = 0; i < 50 && !released; ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            releasedWhileInside = released.load();
+            counted.value = 1;
+            return 0;
+        });
+    });
+    while (!inside)
+        std::this_thread::yield();
+    Counted::ReleaseInstance();
+    released = true;
+    user.join();
+    EXPECT_FALSE(releasedWhileInside) << "the instance was released while in use";
 }
 
 TEST(AppStatus, StartsAtZeroAndKeepsWhatIsSet)
