@@ -15,7 +15,7 @@ class Service:
 
     def __init__(self, platform_services, daemon, system_bus):
         self.services = platform_services(cards=[0])
-        self.hadrix = daemon.start()
+        self.hadrix = start_initialised(daemon)
         self.bus = system_bus.connect()
 
     def send(self, *pairs):
@@ -30,12 +30,26 @@ class Service:
     def wait_for(self, pattern, since, timeout=5.0):
         return self.hadrix.wait_for_log(pattern, since=since, timeout=timeout)
 
+    def new_card_writes(self):
+        """The emulated card's writes since the test's own requests began."""
+        return self.card.writes[self.writes_before:]
+
     def messages(self, since):
         return [record.message for record in self.hadrix.log.records(since)]
 
 
+def start_initialised(daemon):
+    """Starts the service and waits for its device initialisation (which sets the USB output
+    gain), so that what a test then sees the platform receive comes from its own request."""
+    hadrix = daemon.start()
+    hadrix.wait_for_log('m_DeviceInit out', timeout=10)
+    return hadrix
+
+
 @pytest.fixture
-def service(platform_services, daemon, system_bus):
+def service(platform_services, daemon, system_bus, kernel_log):
+    # A kernel log of a normal boot: a card plugged later is analysed at once.
+    kernel_log.boot()
     return Service(platform_services, daemon, system_bus)
 
 
@@ -74,10 +88,10 @@ def test_audio_control_sets_use_fixed_values(service, value, method, args):
 def test_audio_control_gets_log_what_the_library_reports(platform_services, daemon, system_bus,
                                                           value, logged):
     services = platform_services()
+    hadrix = start_initialised(daemon)
     services.audio.obj.SetUsbOutGain(20, dbus_interface=services.audio.interface)
     services.audio.obj.SetUsbOutDelay(100, dbus_interface=services.audio.interface)
     services.audio.obj.SetUsbOutMute(True, dbus_interface=services.audio.interface)
-    hadrix = daemon.start()
 
     mark = hadrix.log.mark()
     launch(system_bus.connect(), HADRIX_BUS_NAME, 'default', [('audio_control', value)])
@@ -191,10 +205,14 @@ CARD = 2
 def card_service(testbed, service):
     """The running service (started after the testbed, so that it sees it) and, plugged after
     it started, an emulated stereo headset on card 2 whose writes the test reads."""
-    headset = testbed.add_headset(card=CARD, port='1-2')
+    mark = service.hadrix.log.mark()
     card = EmulatedCard(CARD, stereo_headset())
+    headset = testbed.add_headset(card=CARD, port='1-2')
     testbed.attach_ioctl(headset.control, card)
+    # The service sets a new card's mixer to its maximum: the test looks at what follows.
+    service.wait_for('Ondetect info end', since=mark, timeout=10)
     service.card = card
+    service.writes_before = len(card.writes)
     return service
 
 
@@ -224,7 +242,7 @@ def test_cget_logs_the_values(card_service):
 
     card_service.wait_for("cget card : 2, control : name='Mic Capture Volume', ret : 1, "
                           'values : 16', since=mark)
-    assert card_service.card.writes == []
+    assert card_service.new_card_writes() == []
 
 
 @pytest.mark.parametrize('key, value, reason', [
@@ -242,7 +260,7 @@ def test_malformed_mixer_commands_are_refused(card_service, key, value, reason):
     refusal = card_service.wait_for(lambda r: f'{key} refused' in r.message, since=mark)
     assert reason in refusal.message
     assert refusal.prio == 'E'
-    assert card_service.card.writes == []
+    assert card_service.new_card_writes() == []
     assert card_service.hadrix.running()
 
 
@@ -250,19 +268,21 @@ def test_mixer_command_on_a_missing_control_fails(card_service):
     mark = card_service.send('cset', f"{CARD} name='No Such Volume' 3")
 
     card_service.wait_for('ret : 0', since=mark)
-    assert card_service.card.writes == []
+    assert card_service.new_card_writes() == []
 
 
 def test_set_max_volume_maximises_the_card(card_service):
     card = card_service.card
+    # The service maximised the card when it was plugged: turn it down first.
+    lowered = card_service.send('cset', f"{CARD} name='PCM Playback Volume' 30,30")
+    card_service.wait_for('ret : 1', since=lowered)
 
     mark = card_service.send('setMaxVolume', str(CARD))
 
     done = card_service.wait_for('ret : 0', since=mark)
-    # The command itself wrote it, not the service's own handling of the plugged card.
     handled = card_service.messages(mark)
     handled = handled[:handled.index(done.message) + 1]
     assert 'm_ControlsSet, card : [hw:2], cId: [numid=2], value: [127]' in handled
-    assert Write('PCM Playback Volume', (127, 127)) in card.accepted_writes()
+    assert card_service.new_card_writes()[-1] == Write('PCM Playback Volume', (127, 127))
     assert card.values('PCM Playback Volume') == [127, 127]
     assert card.writes_to('Mic Capture Volume') == []

@@ -115,7 +115,8 @@ def test_first_headset_grabs_the_volume_keys_and_the_last_releases_them(tv):
 def test_learn_remote_page_holds_the_grab_back_until_it_closes(tv):
     tv.root.set_setting(EMANUAL_KEY, 1)
     tv.start()
-    tv.daemon.wait_for_log('start GrabVolumeKey')
+    # The page is watched from the grab decision on: change it only once the watch is in place.
+    tv.daemon.wait_for_log('vconf_notify_key_changed t_VconfCBOfEmanualLearnTvRemote success')
     assert tv.keys.calls('SetGrabbedKeys') == []
     tv.root.set_setting(EMANUAL_KEY, 0)
     tv.daemon.wait_for_log('Learn Remote page is Off')
