@@ -199,6 +199,13 @@ class Tool:
     def __call__(self, *args, env=None, timeout=10.0):
         return self.launcher.run(self.path, args, env, timeout)
 
+    def lines(self, *args):
+        """Runs one command that succeeds or reports a failure (exit status 0 or 1); returns
+        (exit status, stdout lines)."""
+        result = self(*args)
+        assert result.returncode in (0, 1), result.stderr
+        return result.returncode, result.stdout.splitlines()
+
 
 @pytest.fixture
 def settings_cli(launcher):

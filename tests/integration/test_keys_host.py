@@ -15,18 +15,6 @@ IO_ERROR = 'error -5'
 NO_ROUTER = 'error -2'
 
 
-def run(probe, *args):
-    """Runs one probe command; returns (exit status, stdout lines)."""
-    result = probe(*args)
-    assert result.returncode in (0, 1), result.stderr
-    return result.returncode, result.stdout.splitlines()
-
-
-def call(mock, method, *args):
-    """Calls a method of the mock's own interface, as another peer on the bus would."""
-    return getattr(mock.obj, method)(*args, dbus_interface=mock.interface)
-
-
 def grab(launcher, probe, *keys):
     """Starts a probe that grabs `keys` and waits until it listens for their events."""
     grabber = launcher.start(probe.path, ['keys-grab', '20', *keys], label='keys-grab')
@@ -48,12 +36,12 @@ def test_grabbed_keys_arrive_with_their_device(mocks, probe, launcher):
 
     assert router.calls() == [('ResetKeyGrabConfig', [0]), ('AddKey', [0, VOLUME_UP, 3]),
                               ('AddKey', [0, MUTE, 3]), ('SetGrabbedKeys', [0])]
-    assert call(router, 'GetGrabbedKeys') == [MUTE, VOLUME_UP]
-    call(router, 'PressKey', VOLUME_DOWN, REMOTE)
-    call(router, 'PressKey', VOLUME_UP, REMOTE)
-    call(router, 'ReleaseKey', VOLUME_UP, REMOTE)
-    call(router, 'PressKey', MUTE, 'Smart Control 2')
-    call(router, 'ReleaseKey', MUTE, '')
+    assert router.call('GetGrabbedKeys') == [MUTE, VOLUME_UP]
+    router.call('PressKey', VOLUME_DOWN, REMOTE)
+    router.call('PressKey', VOLUME_UP, REMOTE)
+    router.call('ReleaseKey', VOLUME_UP, REMOTE)
+    router.call('PressKey', MUTE, 'Smart Control 2')
+    router.call('ReleaseKey', MUTE, '')
     grabber.wait_for_output(f'up {MUTE}')
 
     # The ungrabbed key was sent before the grabbed ones and never arrived.
@@ -65,7 +53,7 @@ def test_held_key_repeats_its_key_down(mocks, probe, launcher):
     router = mocks.spawn('key_router')
     grabber = grab(launcher, probe, VOLUME_DOWN)
 
-    call(router, 'HoldKey', VOLUME_DOWN, REMOTE, 4)
+    router.call('HoldKey', VOLUME_DOWN, REMOTE, 4)
     grabber.wait_for_output(f'up {VOLUME_DOWN}')
 
     assert key_lines(grabber) == [f'down {VOLUME_DOWN} {REMOTE}'] * 4 + [f'up {VOLUME_DOWN} {REMOTE}']
@@ -76,12 +64,12 @@ def test_released_keys_no_longer_arrive(mocks, probe, launcher):
     grabber = grab(launcher, probe, VOLUME_UP, VOLUME_DOWN)
 
     # Another client of window 0 releases one of the two keys.
-    call(router, 'ResetKeyGrabConfig', 0)
-    call(router, 'AddKey', 0, VOLUME_UP, 3)
-    call(router, 'UnsetGrabbedKeys', 0)
-    assert call(router, 'GetGrabbedKeys') == [VOLUME_DOWN]
-    call(router, 'HoldKey', VOLUME_UP, REMOTE, 2)
-    call(router, 'PressKey', VOLUME_DOWN, REMOTE)
+    router.call('ResetKeyGrabConfig', 0)
+    router.call('AddKey', 0, VOLUME_UP, 3)
+    router.call('UnsetGrabbedKeys', 0)
+    assert router.call('GetGrabbedKeys') == [VOLUME_DOWN]
+    router.call('HoldKey', VOLUME_UP, REMOTE, 2)
+    router.call('PressKey', VOLUME_DOWN, REMOTE)
     grabber.wait_for_output(f'down {VOLUME_DOWN}')
 
     assert key_lines(grabber) == [f'down {VOLUME_DOWN} {REMOTE}']
@@ -90,7 +78,7 @@ def test_released_keys_no_longer_arrive(mocks, probe, launcher):
 def test_connecting_without_a_router_fails_at_once(mocks, probe, system_bus):
     assert not system_bus.has_owner('org.nimbos.KeyRouter')
 
-    status, lines = run(probe, 'timed', 'keys-grab', '5', VOLUME_UP)
+    status, lines = probe.lines('timed', 'keys-grab', '5', VOLUME_UP)
 
     took = re.fullmatch(r'took (\d+) ms', lines.pop())
     assert took, lines
@@ -101,7 +89,7 @@ def test_connecting_without_a_router_fails_at_once(mocks, probe, system_bus):
 def test_failing_router_fails_the_grab(mocks, probe):
     router = mocks.spawn('key_router', {'failing': True})
 
-    assert run(probe, 'keys-grab', '5', VOLUME_UP) == (1, [IO_ERROR])
+    assert probe.lines('keys-grab', '5', VOLUME_UP) == (1, [IO_ERROR])
 
     assert router.calls() == [('ResetKeyGrabConfig', [0])]
 
@@ -111,11 +99,11 @@ def test_failing_router_fails_the_grab(mocks, probe):
 def test_zone_lists_round_trip(mocks, probe):
     centre = mocks.spawn('resource_center')
 
-    assert run(probe, 'zones', '1') == (0, ['zone 0', 'zone 1'])
-    call(centre, 'SetZones', dbus.Array([7, -3, 2], signature='i'))
-    assert run(probe, 'zones', '4') == (0, ['zone 7', 'zone -3', 'zone 2'])
-    call(centre, 'SetZones', dbus.Array([], signature='i'))
-    assert run(probe, 'zones', '1') == (0, [])
+    assert probe.lines('zones', '1') == (0, ['zone 0', 'zone 1'])
+    centre.call('SetZones', dbus.Array([7, -3, 2], signature='i'))
+    assert probe.lines('zones', '4') == (0, ['zone 7', 'zone -3', 'zone 2'])
+    centre.call('SetZones', dbus.Array([], signature='i'))
+    assert probe.lines('zones', '1') == (0, [])
 
     assert centre.calls('GetZones') == [('GetZones', [1]), ('GetZones', [4]), ('GetZones', [1])]
 
@@ -123,13 +111,13 @@ def test_zone_lists_round_trip(mocks, probe):
 def test_configured_empty_zone_list(mocks, probe):
     mocks.spawn('resource_center', {'zones': dbus.Array([], signature='i')})
 
-    assert run(probe, 'zones', '1') == (0, [])
+    assert probe.lines('zones', '1') == (0, [])
 
 
 def test_failing_or_absent_resource_centre_is_an_error(mocks, probe, system_bus):
-    assert run(probe, 'zones', '1') == (1, [IO_ERROR])
+    assert probe.lines('zones', '1') == (1, [IO_ERROR])
 
     centre = mocks.spawn('resource_center', {'failing': True})
-    assert run(probe, 'zones', '1') == (1, [IO_ERROR])
-    call(centre, 'SetFailing', False)
-    assert run(probe, 'zones', '1') == (0, ['zone 0', 'zone 1'])
+    assert probe.lines('zones', '1') == (1, [IO_ERROR])
+    centre.call('SetFailing', False)
+    assert probe.lines('zones', '1') == (0, ['zone 0', 'zone 1'])

@@ -15,18 +15,6 @@ INVALID_PARAMETER = 'error -22'
 TIMED_OUT = 'error -110'
 
 
-def run(probe, *args):
-    """Runs one probe command; returns (exit status, stdout lines)."""
-    result = probe(*args)
-    assert result.returncode in (0, 1), result.stderr
-    return result.returncode, result.stdout.splitlines()
-
-
-def call(mock, method, *args):
-    """Calls a method of the mock's own interface, as another peer on the bus would."""
-    return getattr(mock.obj, method)(*args, dbus_interface=mock.interface)
-
-
 def watch(launcher, probe, command, *args):
     """Starts a probe watch command and waits until its callbacks are registered."""
     watcher = launcher.start(probe.path, [command, '20', *args], label=command)
@@ -45,11 +33,11 @@ def finish(watcher):
 def test_speaker_selection_round_trip(mocks, probe):
     sound = mocks.spawn('sound_manager')
 
-    assert run(probe, 'sound', 'get') == (0, ['route 7'])
-    assert run(probe, 'sound', 'set', '15') == (0, [])
-    assert run(probe, 'sound', 'get') == (0, ['route 15'])
-    assert run(probe, 'sound', 'set', '123456') == (0, [])
-    assert run(probe, 'sound', 'get') == (0, ['route 123456'])
+    assert probe.lines('sound', 'get') == (0, ['route 7'])
+    assert probe.lines('sound', 'set', '15') == (0, [])
+    assert probe.lines('sound', 'get') == (0, ['route 15'])
+    assert probe.lines('sound', 'set', '123456') == (0, [])
+    assert probe.lines('sound', 'get') == (0, ['route 123456'])
 
     assert sound.calls('SetSpeakerSelection') == [('SetSpeakerSelection', [15]),
                                                   ('SetSpeakerSelection', [123456])]
@@ -58,8 +46,8 @@ def test_speaker_selection_round_trip(mocks, probe):
 def test_negative_route_is_refused_before_the_bus(mocks, probe):
     sound = mocks.spawn('sound_manager')
 
-    assert run(probe, 'sound', 'set', '-1') == (1, [INVALID_PARAMETER])
-    assert run(probe, 'sound', 'zone-set', '-1', '0') == (1, [INVALID_PARAMETER])
+    assert probe.lines('sound', 'set', '-1') == (1, [INVALID_PARAMETER])
+    assert probe.lines('sound', 'zone-set', '-1', '0') == (1, [INVALID_PARAMETER])
 
     assert sound.calls() == []
 
@@ -67,8 +55,8 @@ def test_negative_route_is_refused_before_the_bus(mocks, probe):
 def test_mute_gain_and_fade_in_pass_their_arguments(mocks, probe):
     sound = mocks.spawn('sound_manager')
 
-    assert run(probe, 'sound', 'mute-gain', '3', '-40') == (0, [])
-    assert run(probe, 'sound', 'fade-in', '3') == (0, [])
+    assert probe.lines('sound', 'mute-gain', '3', '-40') == (0, [])
+    assert probe.lines('sound', 'fade-in', '3') == (0, [])
 
     assert sound.calls() == [('SetMuteGain', [3, -40]), ('ApplyUnmuteFadeIn', [3])]
 
@@ -76,11 +64,11 @@ def test_mute_gain_and_fade_in_pass_their_arguments(mocks, probe):
 def test_multiview_routes_are_per_zone(mocks, probe):
     sound = mocks.spawn('sound_manager')
 
-    assert run(probe, 'sound', 'zone-set', '15', '2') == (0, [])
+    assert probe.lines('sound', 'zone-set', '15', '2') == (0, [])
 
-    assert run(probe, 'sound', 'zone-get', '2') == (0, ['route 15'])
-    assert run(probe, 'sound', 'zone-get', '1') == (0, ['route 7'])
-    assert run(probe, 'sound', 'get') == (0, ['route 7'])
+    assert probe.lines('sound', 'zone-get', '2') == (0, ['route 15'])
+    assert probe.lines('sound', 'zone-get', '1') == (0, ['route 7'])
+    assert probe.lines('sound', 'get') == (0, ['route 7'])
     assert sound.calls('GetMultiviewSpeakerSelection') == [
         ('GetMultiviewSpeakerSelection', [2]), ('GetMultiviewSpeakerSelection', [1])]
 
@@ -89,12 +77,12 @@ def test_route_changes_reach_the_replacing_callbacks_on_their_loop(mocks, probe,
     sound = mocks.spawn('sound_manager')
     watcher = watch(launcher, probe, 'sound-watch')
 
-    assert run(probe, 'sound', 'set', '15') == (0, [])
+    assert probe.lines('sound', 'set', '15') == (0, [])
     watcher.wait_for_output('sound speaker-changed 15')
-    call(sound, 'UserSetRoute', 3)
-    call(sound, 'UserSetRoute', 3)
-    call(sound, 'UserSetRoute', -2)
-    assert run(probe, 'sound', 'zone-set', '15', '1') == (0, [])
+    sound.call('UserSetRoute', 3)
+    sound.call('UserSetRoute', 3)
+    sound.call('UserSetRoute', -2)
+    assert probe.lines('sound', 'zone-set', '15', '1') == (0, [])
     watcher.wait_for_output('sound multiview-changed 15 zone 1')
 
     # The repeated route is no change; the negative one is refused by the client.
@@ -108,12 +96,12 @@ def test_unset_callbacks_hear_no_more_changes(mocks, probe, launcher):
     sound = mocks.spawn('sound_manager')
     watcher = watch(launcher, probe, 'sound-watch', 'once')
 
-    call(sound, 'UserSetRoute', 15)
+    sound.call('UserSetRoute', 15)
     watcher.wait_for_output('sound speaker-changed 15')
-    call(sound, 'UserSetRoute', 3)
+    sound.call('UserSetRoute', 3)
     # Signals of one sender arrive in order: by the time the multiview change is heard, the
     # second route change has been delivered, to no callback.
-    assert run(probe, 'sound', 'zone-set', '4', '1') == (0, [])
+    assert probe.lines('sound', 'zone-set', '4', '1') == (0, [])
     watcher.wait_for_output('sound multiview-changed 4 zone 1')
     assert finish(watcher) == ['sound speaker-changed 15 on-loop',
                                'sound multiview-changed 4 zone 1 on-loop']
@@ -122,15 +110,15 @@ def test_unset_callbacks_hear_no_more_changes(mocks, probe, launcher):
 def test_failing_sound_manager_fails_every_call(mocks, probe):
     sound = mocks.spawn('sound_manager', {'failing': True})
 
-    assert run(probe, 'sound', 'get') == (1, [IO_ERROR])
-    assert run(probe, 'sound', 'set', '15') == (1, [IO_ERROR])
-    assert run(probe, 'sound', 'mute-gain', '3', '0') == (1, [IO_ERROR])
-    assert run(probe, 'sound', 'fade-in', '3') == (1, [IO_ERROR])
-    assert run(probe, 'sound', 'zone-get', '0') == (1, [IO_ERROR])
-    assert run(probe, 'sound', 'zone-set', '15', '0') == (1, [IO_ERROR])
+    assert probe.lines('sound', 'get') == (1, [IO_ERROR])
+    assert probe.lines('sound', 'set', '15') == (1, [IO_ERROR])
+    assert probe.lines('sound', 'mute-gain', '3', '0') == (1, [IO_ERROR])
+    assert probe.lines('sound', 'fade-in', '3') == (1, [IO_ERROR])
+    assert probe.lines('sound', 'zone-get', '0') == (1, [IO_ERROR])
+    assert probe.lines('sound', 'zone-set', '15', '0') == (1, [IO_ERROR])
 
-    call(sound, 'SetFailing', False)
-    assert run(probe, 'sound', 'get') == (0, ['route 7'])
+    sound.call('SetFailing', False)
+    assert probe.lines('sound', 'get') == (0, ['route 7'])
 
 
 # --- audio control ----------------------------------------------------------------------------
@@ -138,17 +126,17 @@ def test_failing_sound_manager_fails_every_call(mocks, probe):
 def test_usb_output_values_round_trip(mocks, probe):
     control = mocks.spawn('audio_control', {'gain': dbus.UInt32(20)})
 
-    assert run(probe, 'audio-control', 'get-gain') == (0, ['gain 20'])
-    assert run(probe, 'audio-control', 'get-mute') == (0, ['mute 0'])
-    assert run(probe, 'audio-control', 'get-delay') == (0, ['delay 0'])
+    assert probe.lines('audio-control', 'get-gain') == (0, ['gain 20'])
+    assert probe.lines('audio-control', 'get-mute') == (0, ['mute 0'])
+    assert probe.lines('audio-control', 'get-delay') == (0, ['delay 0'])
 
-    assert run(probe, 'audio-control', 'set-gain', '35') == (0, [])
-    assert run(probe, 'audio-control', 'set-mute', '1') == (0, [])
-    assert run(probe, 'audio-control', 'set-delay', '120') == (0, [])
+    assert probe.lines('audio-control', 'set-gain', '35') == (0, [])
+    assert probe.lines('audio-control', 'set-mute', '1') == (0, [])
+    assert probe.lines('audio-control', 'set-delay', '120') == (0, [])
 
-    assert run(probe, 'audio-control', 'get-gain') == (0, ['gain 35'])
-    assert run(probe, 'audio-control', 'get-mute') == (0, ['mute 1'])
-    assert run(probe, 'audio-control', 'get-delay') == (0, ['delay 120'])
+    assert probe.lines('audio-control', 'get-gain') == (0, ['gain 35'])
+    assert probe.lines('audio-control', 'get-mute') == (0, ['mute 1'])
+    assert probe.lines('audio-control', 'get-delay') == (0, ['delay 120'])
     assert [entry for entry in control.calls() if entry[0].startswith('Set')] == [
         ('SetUsbOutGain', [35]), ('SetUsbOutMute', [True]), ('SetUsbOutDelay', [120])]
 
@@ -158,13 +146,13 @@ def test_usb_output_values_round_trip(mocks, probe):
 def test_power_state_is_read(mocks, probe):
     mocks.spawn('device_power', {'state': 4})
 
-    assert run(probe, 'power-get') == (0, ['state 4'])
+    assert probe.lines('power-get') == (0, ['state 4'])
 
 
 def test_negative_power_state_is_refused(mocks, probe):
     mocks.spawn('device_power', {'state': -3})
 
-    status, lines = run(probe, 'power-get')
+    status, lines = probe.lines('power-get')
 
     assert (status, lines) == (1, [IO_ERROR])
 
@@ -173,8 +161,8 @@ def test_state_changes_reach_the_subscribed_callbacks_on_their_loop(mocks, probe
     power = mocks.spawn('device_power')
     watcher = watch(launcher, probe, 'power-watch')
 
-    call(power, 'ChangeState', 2)
-    call(power, 'ChangeState', 0)
+    power.call('ChangeState', 2)
+    power.call('ChangeState', 0)
     watcher.wait_for_output('witness state-changed 2 0')
 
     # Subscribing a callback again replaced its user data: one call per change, as "power".
@@ -182,17 +170,17 @@ def test_state_changes_reach_the_subscribed_callbacks_on_their_loop(mocks, probe
     assert sorted(lines) == ['power state-changed 0 2 on-loop', 'power state-changed 2 0 on-loop',
                              'witness state-changed 0 2 on-loop',
                              'witness state-changed 2 0 on-loop']
-    assert run(probe, 'power-get') == (0, ['state 0'])
+    assert probe.lines('power-get') == (0, ['state 0'])
 
 
 def test_unsubscribed_callback_hears_no_more_changes(mocks, probe, launcher):
     power = mocks.spawn('device_power')
     watcher = watch(launcher, probe, 'power-watch', 'once')
 
-    call(power, 'ChangeState', 4)
+    power.call('ChangeState', 4)
     watcher.wait_for_output('power state-changed 0 4')
-    call(power, 'ChangeState', 0)
-    call(power, 'ChangeState', 1)
+    power.call('ChangeState', 0)
+    power.call('ChangeState', 1)
     watcher.wait_for_output('witness state-changed 0 1')
 
     assert [line for line in finish(watcher) if line.startswith('power')] == [
@@ -211,7 +199,7 @@ GETTERS = {
 def timed_run(probe, args):
     """Runs a probe command on a connected bus; returns (exit status, stdout lines, seconds the
     command took)."""
-    status, lines = run(probe, 'timed', *args)
+    status, lines = probe.lines('timed', *args)
     took = re.fullmatch(r'took (\d+) ms', lines.pop())
     assert took, lines
     return status, lines, int(took[1]) / 1000
@@ -248,5 +236,5 @@ def test_reply_of_the_wrong_type_is_a_failure(mocks, probe, service):
     value = {'s': dbus.String('15'), 'i': dbus.Int32(15), 'u': dbus.UInt32(15)}[wrong_type]
     mock.mock.AddMethod(mock.interface, method, '', wrong_type, f'ret = {value!r}')
 
-    assert run(probe, *args) == (1, [IO_ERROR])
+    assert probe.lines(*args) == (1, [IO_ERROR])
     assert len(mock.calls(method)) == 1

@@ -66,20 +66,20 @@ def tv(platform_services, mocks, kernel_log, testbed, daemon, hadrix_root):
 
         def grabbed(self):
             return sorted(str(key) for key in
-                          self.keys.obj.GetGrabbedKeys(dbus_interface=self.keys.interface))
+                          self.keys.call('GetGrabbedKeys'))
 
         def wait_grabbed(self, keys=(MUTE, VOLUME_DOWN, VOLUME_UP)):
             self.daemon.wait_until(lambda: self.grabbed() == sorted(keys),
                                    what=f'keys grabbed: {sorted(keys)}')
 
         def press(self, key, device=REMOTE):
-            self.keys.obj.PressKey(key, device, dbus_interface=self.keys.interface)
+            self.keys.call('PressKey', key, device)
 
         def release(self, key, device=REMOTE):
-            self.keys.obj.ReleaseKey(key, device, dbus_interface=self.keys.interface)
+            self.keys.call('ReleaseKey', key, device)
 
         def hold(self, key, repeats, device=REMOTE):
-            self.keys.obj.HoldKey(key, device, repeats, dbus_interface=self.keys.interface)
+            self.keys.call('HoldKey', key, device, repeats)
 
         def launches(self):
             """The TV viewer's launch requests: [[(key, value), ...], ...] in order."""

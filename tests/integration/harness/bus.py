@@ -157,6 +157,10 @@ class MockService:
         return wait_until(lambda: len(self.calls(method)) >= count and self.calls(method),
                           timeout, what=f'{count} call(s) of {method} on {self.name}')
 
+    def call(self, method, *args):
+        """Calls a method of the mock's own interface, as another peer on the bus would."""
+        return getattr(self.obj, method)(*args, dbus_interface=self.interface)
+
     def clear_calls(self):
         self.mock.ClearCalls()
 

@@ -14,14 +14,14 @@ class PlatformServices:
         self.pulse = spawn('pulse_audio', dict(pulse, cards=cards)) if audio_server else None
 
     def route(self):
-        return int(self.sound.obj.GetSpeakerSelection(dbus_interface=self.sound.interface))
+        return int(self.sound.call('GetSpeakerSelection'))
 
     def user_sets_route(self, route):
         """The viewer picks another output on the TV."""
-        self.sound.obj.UserSetRoute(route, dbus_interface=self.sound.interface)
+        self.sound.call('UserSetRoute', route)
 
     def change_power(self, state):
-        self.power.obj.ChangeState(state, dbus_interface=self.power.interface)
+        self.power.call('ChangeState', state)
 
     def list_cards(self, *cards):
         """The audio server has opened these cards (from its next answer on)."""
