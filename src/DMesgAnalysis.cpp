@@ -14,6 +14,15 @@
 
 namespace {
 
+// Room for a kernel log of `size` bytes; null, logged, when there is none (the log can be large).
+std::unique_ptr<char[]> AllocateLogBuffer(size_t size)
+{
+    std::unique_ptr<char[]> buf(new (std::nothrow) char[size]);
+    if (!buf)
+        LOGE("[START] no memory for a kernel log of %zu bytes", size);
+    return buf;
+}
+
 constexpr int SYSLOG_ACTION_READ_ALL = 3;
 constexpr int SYSLOG_ACTION_SIZE_BUFFER = 10;
 
@@ -420,11 +429,9 @@ CDMesgAnalysis::LogText CDMesgAnalysis::m_ReadLog()
     bool sizeKnown = kernelSize >= 1;
     size_t size = sizeKnown ? static_cast<size_t>(kernelSize) + 8 : FIRST_FULL_READ_SIZE;
     for (;;) {
-        std::unique_ptr<char[]> buf(new (std::nothrow) char[size]);
-        if (!buf) {
-            LOGE("[START] no memory for a kernel log of %zu bytes", size);
+        std::unique_ptr<char[]> buf = AllocateLogBuffer(size);
+        if (!buf)
             return m_MakeText(nullptr, -ENOMEM);
-        }
         int rc = m_ReadInto(buf.get(), size);
         // A read that fills the buffer may have been cut: read again with more room.
         if (!sizeKnown && rc >= 0 && static_cast<size_t>(rc) == size && size <= MAX_GROWN_READ_SIZE) {
@@ -441,11 +448,9 @@ CDMesgAnalysis::LogText CDMesgAnalysis::m_PartialReadLog(size_t size,
                                                          const std::function<bool(const LogText &)> &check)
 {
     for (;;) {
-        std::unique_ptr<char[]> buf(new (std::nothrow) char[size]);
-        if (!buf) {
-            LOGE("[START] no memory for a kernel log of %zu bytes", size);
+        std::unique_ptr<char[]> buf = AllocateLogBuffer(size);
+        if (!buf)
             return m_MakeText(nullptr, -ENOMEM);
-        }
         int rc = m_ReadInto(buf.get(), size);
         LOGD("[START] partial read rc = %d  sz = %zu", rc, size);
         if (rc < 0)
