@@ -24,6 +24,9 @@ public:
     // size 0 means strlen(data). The file is replaced whole: a reader never sees half of it.
     void WriteToFile(const std::string &path, const char *data, size_t size = 0);
     void AppendToFile(const std::string &path, const char *data, size_t size = 0);
+    // Gives a file another name, replacing what had it (a symbolic link there is replaced, not
+    // followed). False, logged, when the file cannot be renamed.
+    bool RenameFile(const std::string &from, const std::string &to);
 
     bool IsUSBServiceRunning();
     void SetUSBServiceRunning();
