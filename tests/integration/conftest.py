@@ -106,9 +106,9 @@ def launcher(child_env, tmp_path, request):
     launcher = Launcher(child_env, tmp_path)
     add_reporter(request, launcher.report)
     yield launcher
-    crashes = launcher.reap()
-    if crashes:
-        pytest.fail(f'killed by a signal nobody sent: {", ".join(crashes)}', pytrace=False)
+    problems = launcher.reap()
+    if problems:
+        pytest.fail(f'crashed or reported by a sanitizer: {", ".join(problems)}', pytrace=False)
 
 
 class Daemons:

@@ -6,6 +6,17 @@ import subprocess
 from .log import LogBuffer
 from .wait import WaitTimeout, wait_until
 
+# First lines of the reports of the sanitizer runtimes (scripts/test --sanitize=...). A report
+# without a crash (a leak at exit, undefined behaviour) still fails the test that saw it.
+SANITIZER_MARKERS = ('ERROR: AddressSanitizer', 'ERROR: LeakSanitizer', 'runtime error:',
+                     'WARNING: ThreadSanitizer')
+
+
+def sanitizer_finding(lines):
+    """The first line of a sanitizer report among `lines`, else None."""
+    return next((line for line in lines if any(marker in line for marker in SANITIZER_MARKERS)),
+                None)
+
 
 class Process:
     """A child in its own process group, with stdout and stderr collected line by line.
@@ -133,15 +144,20 @@ class Launcher:
         return result
 
     def reap(self):
-        """Ends every process started; returns the crashes seen ("label: SIGSEGV")."""
-        crashes = []
+        """Ends every process started; returns the crashes and sanitizer reports seen
+        ("label: SIGSEGV")."""
+        problems = []
         for process in self.started:
             crash = process.crashed()
             process.finish()
-            crash = crash or process.crashed()
+            crash = crash or process.crashed() or sanitizer_finding(process.log.lines())
             if crash:
-                crashes.append(f'{process.label}: {crash}')
-        return crashes
+                problems.append(f'{process.label}: {crash}')
+        for result in self.finished:
+            finding = sanitizer_finding(result.stderr.splitlines())
+            if finding:
+                problems.append(f'{os.path.basename(result.args[0])}: {finding}')
+        return problems
 
     def report(self):
         """(title, text) sections of every process started, for a failure report."""
