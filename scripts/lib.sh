@@ -26,3 +26,27 @@ parse_build_args() {
   export HADRIX_BUILD_DIR="$(cd "$(dirname "$BUILD_DIR")" && pwd)/$(basename "$BUILD_DIR")"
   BUILD_DIR="$HADRIX_BUILD_DIR"
 }
+
+# The Debian packages that building and testing hadrix need.
+HADRIX_PACKAGES=(
+  cmake ninja-build g++ pkg-config gettext
+  libglib2.0-dev libglib2.0-bin libasound2-dev libudev-dev libjsoncpp-dev libsystemd-dev
+  libgtest-dev
+  dbus python3 python3-gi python3-dbus python3-dbusmock python3-pytest python3-pytest-timeout
+  umockdev gir1.2-umockdev-1.0 faketime libfaketime
+  dpkg-dev systemd
+)
+
+# Installs those of the given Debian packages that are missing (apt-get; sudo when not root).
+ensure_packages() {
+  local missing=() pkg
+  for pkg in "$@"; do
+    dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null | grep -q 'install ok installed' || missing+=("$pkg")
+  done
+  ((${#missing[@]})) || return 0
+  echo "installing ${missing[*]}"
+  local sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo="sudo"
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+}

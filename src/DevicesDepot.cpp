@@ -170,17 +170,22 @@ void DevicesDepot::m_Deserialize()
     case ReadResult::Ok:
         break;
     }
+    m_Devices = Deserialize(text);
+}
 
+std::vector<USBDeviceInfo> DevicesDepot::Deserialize(const std::string &text)
+{
+    std::vector<USBDeviceInfo> devices;
     Json::Value root;
     std::string errors;
     if (!ParseJson(text, root, errors)) {
         LOGE("prase device depot fail.");
         LOGD("%s", errors.c_str());
-        return;
+        return devices;
     }
     if (!root.isArray()) {
         LOGE("device depot is not an array, ignored");
-        return;
+        return devices;
     }
 
     for (Json::ArrayIndex i = 0; i < root.size(); ++i) {
@@ -188,9 +193,10 @@ void DevicesDepot::m_Deserialize()
             LOGW("depot entry %u is not an object, skipped", i);
             continue;
         }
-        m_Devices.push_back(ReadEntry(root[i], i));
+        devices.push_back(ReadEntry(root[i], i));
     }
-    LOGD("read %zu devices from the depot", m_Devices.size());
+    LOGD("read %zu devices from the depot", devices.size());
+    return devices;
 }
 
 bool DevicesDepot::FindDevice(int vendorId, int productId)

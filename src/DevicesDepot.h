@@ -34,6 +34,9 @@ class DevicesDepot : public CSingleton<DevicesDepot> {
 public:
     ~DevicesDepot() override = default;
 
+    // The records of a depot file's text; malformed parts are refused with a logged reason.
+    static std::vector<USBDeviceInfo> Deserialize(const std::string &text);
+
     // True if some record has both ids.
     bool FindDevice(int vendorId, int productId);
     void ForeachDevice(const std::function<void(const USBDeviceInfo &)> &func);

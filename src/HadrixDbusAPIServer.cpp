@@ -64,6 +64,11 @@ std::string ClientObjectName(const char *processName)
 {
     char name[kClientObjectSize];
     snprintf(name, sizeof name, "obj%s", processName);
+    // The name goes back over D-Bus, which carries UTF-8 only: a cut through a character of a
+    // long name drops what is left of that character.
+    const gchar *validEnd = nullptr;
+    if (!g_utf8_validate(name, -1, &validEnd))
+        return std::string(name, static_cast<size_t>(validEnd - name));
     return name;
 }
 
@@ -77,6 +82,13 @@ bool IsStorableProcessName(const char *name)
             return false;
     }
     return true;
+}
+
+// Names come from D-Bus strings: UTF-8 without NUL. A word of the subscriber file that is not
+// such text was never written by the server, and no client could unsubscribe it.
+bool IsNameText(const std::string &word)
+{
+    return g_utf8_validate(word.data(), static_cast<gssize>(word.size()), nullptr);
 }
 
 gboolean QuitLoopCb(gpointer data)
@@ -458,11 +470,24 @@ void CUSBAPIServer::m_LoadConnection()
         LOGW("open connection file failed");
         return;
     }
-    std::string procName;
-    std::string connectionObj;
-    while (file >> procName >> connectionObj) {
+    for (const auto &[procName, connectionObj] : ReadSubscribers(file)) {
         LOGI("procName[%s], connectionObj[%s]", procName.c_str(), connectionObj.c_str());
         std::lock_guard<std::mutex> lock(m_ConnectionMutex);
         m_MapConnection.emplace(procName, connectionObj);
     }
+}
+
+std::vector<std::pair<std::string, std::string>> CUSBAPIServer::ReadSubscribers(std::istream &in)
+{
+    std::vector<std::pair<std::string, std::string>> subscribers;
+    std::string procName;
+    std::string connectionObj;
+    while (in >> procName >> connectionObj) {
+        if (!IsNameText(procName) || !IsNameText(connectionObj)) {
+            LOGW("subscriber entry ignored: not UTF-8 text without NUL");
+            continue;
+        }
+        subscribers.emplace_back(procName, connectionObj);
+    }
+    return subscribers;
 }

@@ -4,10 +4,13 @@
 // its own, so D-Bus traffic never waits for the service's main loop.
 #pragma once
 
+#include <istream>
 #include <map>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include <gio/gio.h>
 
@@ -30,6 +33,10 @@ public:
 
     // The subscriber file, resolved against the application-data root.
     static std::string SubscriberFilePath();
+    // The (process name, client object name) pairs of a subscriber file's text, in file order:
+    // two white-space separated words each; a trailing lone word is ignored, and so is a pair
+    // that is not UTF-8 text without NUL (no client can have such a name).
+    static std::vector<std::pair<std::string, std::string>> ReadSubscribers(std::istream &in);
 
 private:
     CUSBAPIServer();

@@ -112,6 +112,9 @@ def test_connection_check_answers_the_client_object_name_and_stores_nothing(tv):
         'objorg.example.player'
     long_name = 'p' * 300
     assert str(tv.call('check_dbus_connection', 's', long_name)) == 'obj' + 'p' * 252
+    # 255 bytes would end inside a two-byte character: the whole character is left out.
+    accented = 'x' + '\u00e9' * 150
+    assert str(tv.call('check_dbus_connection', 's', accented)) == 'objx' + '\u00e9' * 125
     assert not tv.subscriber_file.exists()
 
 

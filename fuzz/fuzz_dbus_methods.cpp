@@ -1,0 +1,189 @@
+// The client API's method calls with arbitrary arguments, through the real server: its listener
+// thread owns its name on a private bus started here, and each input becomes one method call
+// from a client connection. Every call must be answered (a reply or an error), and the answers
+// must have their documented form; GLib criticals are fatal.
+//
+// Input: byte 0 picks the method, byte 1 the object path and whether the arguments have the
+// method's own signature or another one, the rest is the arguments' serialised GVariant.
+#include <gio/gio.h>
+#include <signal.h>
+#include <sys/prctl.h>
+
+#include <cstring>
+#include <string>
+
+#include "FuzzEnvironment.h"
+#include "HadrixDbusAPIServer.h"
+#include "HadrixDeviceListInfo.h"
+
+namespace {
+
+constexpr char kBusName[] = "org.nimbos.hadrix.server";
+constexpr char kInterface[] = "org.nimbos.hadrix.server.interface";
+constexpr const char *kPaths[] = {"/org/nimbos/tv/hadrix/server", "/org/nimbos/hadrex"};
+constexpr int kCallTimeoutMs = 20000;
+
+struct Method {
+    const char *name;
+    const char *signature;
+};
+constexpr Method kMethods[] = {
+    {"check_dbus_connection", "(s)"},
+    {"SubscribeHadrixServiceCallback", "(s)"},
+    {"UnSubscribeHadrixServiceCallback", "(s)"},
+    {"GetDeviceListInfo", "(i)"},
+    {"NoSuchMethod", "(s)"},
+};
+constexpr const char *kOtherSignatures[] = {"()", "(s)", "(i)", "(ay)", "(ss)", "(u)", "(a{sv})", "(si)"};
+
+const char kBusConfig[] = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <listen>unix:dir=%s</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <allow own="*"/>
+    <allow send_destination="*"/>
+    <allow receive_sender="*"/>
+  </policy>
+</busconfig>
+)";
+
+// The bus ends with this process, however that ends (so it must be its direct child: no
+// intermediate process, hence G_SPAWN_DO_NOT_REAP_CHILD). It must not end before: the server's
+// bus connection ends the process when the bus goes away.
+void DieWithParent(gpointer)
+{
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+}
+
+// Starts a private bus and returns its address.
+std::string StartBus(const std::string &root)
+{
+    const std::string config = root + "/bus.conf";
+    g_autofree gchar *text = g_strdup_printf(kBusConfig, root.c_str());
+    g_autoptr(GError) error = nullptr;
+    if (!g_file_set_contents(config.c_str(), text, -1, &error)) {
+        fprintf(stderr, "cannot write %s: %s\n", config.c_str(), error->message);
+        abort();
+    }
+    const std::string configArg = "--config-file=" + config;
+    const gchar *argv[] = {"dbus-daemon", configArg.c_str(), "--nofork", "--print-address=1", nullptr};
+    GPid pid = 0;
+    gint out = -1;
+    if (!g_spawn_async_with_pipes(nullptr, const_cast<gchar **>(argv), nullptr, static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD),
+                                  DieWithParent, nullptr, &pid, nullptr, &out, nullptr, &error)) {
+        fprintf(stderr, "cannot start dbus-daemon: %s\n", error->message);
+        abort();
+    }
+    std::string address;
+    char c;
+    while (read(out, &c, 1) == 1 && c != '\n')
+        address += c;
+    close(out);
+    if (address.empty()) {
+        fprintf(stderr, "dbus-daemon printed no address\n");
+        abort();
+    }
+    return address;
+}
+
+GDBusConnection *client;
+
+void WaitForServer()
+{
+    for (int attempt = 0; attempt < 200; ++attempt) {
+        g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
+            client, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "NameHasOwner", g_variant_new("(s)", kBusName), G_VARIANT_TYPE("(b)"),
+            G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+        gboolean owned = FALSE;
+        if (reply)
+            g_variant_get(reply, "(b)", &owned);
+        if (owned)
+            return;
+        g_usleep(50 * 1000);
+    }
+    fprintf(stderr, "the server did not own %s\n", kBusName);
+    abort();
+}
+
+GVariant *Call(const char *path, const char *method, GVariant *arguments, GError **error)
+{
+    return g_dbus_connection_call_sync(client, kBusName, path, kInterface, method, arguments,
+                                       nullptr, G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr,
+                                       error);
+}
+
+void CheckReply(const Method &method, GVariant *arguments, GVariant *reply)
+{
+    if (strcmp(method.name, "GetDeviceListInfo") == 0) {
+        FUZZ_CHECK(g_variant_is_of_type(reply, G_VARIANT_TYPE("(ay)")));
+        g_autoptr(GVariant) bytes = g_variant_get_child_value(reply, 0);
+        FUZZ_CHECK(g_variant_get_size(bytes) % sizeof(HadrixDeviceRecord_t) == 0);
+        return;
+    }
+    FUZZ_CHECK(g_variant_is_of_type(reply, G_VARIANT_TYPE("(s)")));
+    const gchar *name = nullptr;
+    const gchar *object = nullptr;
+    g_variant_get(arguments, "(&s)", &name);
+    g_variant_get(reply, "(&s)", &object);
+    // "obj" + the name, cut to at most 255 bytes.
+    const std::string expected = std::string("obj") + name;
+    FUZZ_CHECK(strlen(object) <= 255 && expected.compare(0, strlen(object), object) == 0);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    const std::string &root = fuzz::PrepareEnvironment();
+    g_log_set_always_fatal(static_cast<GLogLevelFlags>(G_LOG_LEVEL_CRITICAL | G_LOG_LEVEL_WARNING));
+    const std::string address = StartBus(root);
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
+
+    g_autoptr(GError) error = nullptr;
+    client = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    if (!client) {
+        fprintf(stderr, "cannot connect to the private bus: %s\n", error->message);
+        abort();
+    }
+    if (!CUSBAPIServer::GetInstance()->CreateListener())
+        abort();
+    WaitForServer();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    if (size < 2)
+        return 0;
+    const Method &method = kMethods[data[0] % G_N_ELEMENTS(kMethods)];
+    const char *path = kPaths[data[1] & 1];
+    const bool ownSignature = (data[1] & 2) == 0;
+    const char *signature =
+        ownSignature ? method.signature : kOtherSignatures[(data[1] >> 2) % G_N_ELEMENTS(kOtherSignatures)];
+
+    g_autoptr(GBytes) bytes = g_bytes_new(data + 2, size - 2);
+    g_autoptr(GVariant) serialised = g_variant_ref_sink(
+        g_variant_new_from_bytes(G_VARIANT_TYPE(signature), bytes, FALSE));
+    g_autoptr(GVariant) arguments = g_variant_ref_sink(g_variant_get_normal_form(serialised));
+
+    g_autoptr(GError) error = nullptr;
+    g_autoptr(GVariant) reply = Call(path, method.name, arguments, &error);
+    FUZZ_CHECK(reply || !g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT));
+    if (reply && path == kPaths[0])
+        CheckReply(method, arguments, reply);
+
+    // Keep the subscriber table small: a name subscribed is unsubscribed again.
+    if (reply && strcmp(method.name, "SubscribeHadrixServiceCallback") == 0) {
+        g_autoptr(GVariant) done = Call(path, "UnSubscribeHadrixServiceCallback", arguments, nullptr);
+        FUZZ_CHECK(done != nullptr);
+    }
+    return 0;
+}

@@ -1,0 +1,97 @@
+// Kernel-log analysis over arbitrary log text: the line parsers over the whole text, the searches
+// from every line start, the full and the partial parse with the text served as the kernel's log,
+// and the judgements on the result.
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+#include "DMesgAnalysis.h"
+#include "FuzzEnvironment.h"
+
+namespace {
+
+constexpr uint32_t kUptimeMs = 3600 * 1000;
+constexpr size_t kMaxLineStarts = 4096;
+
+// The analysis with the input as its kernel log, served as klogctl serves it: the size query
+// answers the log's size, a read returns its newest bytes.
+class Analysis : public CDMesgAnalysis {
+public:
+    explicit Analysis(std::string log) : m_Log(std::move(log))
+    {
+        SetSystemHooks({[this](int action, char *buf, int len) { return Serve(action, buf, len); },
+                        [] { return kUptimeMs; }, [](unsigned long) {}});
+    }
+
+    void RunLineParsers()
+    {
+        const char *text = m_Log.c_str();
+        const size_t len = m_Log.size();
+        m_ParseUsbCoreInitalTime(text, len);
+        m_ParseUsbDeviceDetectedByDriverer(text, len);
+        m_ParseUsbDeviceDetectedByDevicePort(text, len);
+        m_ParseUsbDeviceDisconnected(text, len);
+
+        BackwardMemo memo(text);
+        size_t starts = 0;
+        for (const char *pos = text; pos && starts < kMaxLineStarts; ++starts) {
+            m_ParseLeftNearestTimeStamp(text, len, pos, &memo);
+            m_ParseLeftUsbPort(text, len, pos, &memo);
+            m_ParseRightVendorProductId(text, len, pos);
+            const char *newline = static_cast<const char *>(memchr(pos, '\n', len - (pos - text)));
+            pos = newline ? newline + 1 : nullptr;
+        }
+        // Without a memo each search scans back to the start of the text.
+        m_ParseLeftNearestTimeStamp(text, len, text + len);
+        m_ParseLeftUsbPort(text, len, text + len);
+    }
+
+private:
+    int Serve(int action, char *buf, int len)
+    {
+        if (action == 10)
+            return static_cast<int>(m_Log.size());
+        size_t n = std::min(m_Log.size(), static_cast<size_t>(std::max(len, 0)));
+        memcpy(buf, m_Log.data() + m_Log.size() - n, n);
+        return static_cast<int>(n);
+    }
+
+    std::string m_Log;
+};
+
+void Judge(CDMesgAnalysis &analysis)
+{
+    bool found = false;
+    for (const char *path : {"/devices/platform/soc/usb1/1-1/1-1:1.0/sound/card1",
+                             "/devices/platform/soc/usb1/1-2/1-2.3/1-2.3:1.0/sound/card2"}) {
+        analysis.GetUsbDetectedTimeByDevPath(path);
+        analysis.NeedWaitDetect(path, found);
+        analysis.NeedChangeSpeaker(path);
+    }
+    analysis.NeedWaitDetect(0x046d, 0x0a44, found);
+    analysis.NeedChangeSpeaker(0x046d, 0x0a44);
+    analysis.GetDetectedDevicesCount();
+    analysis.GetUsbCoreInitalTime();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    fuzz::PrepareEnvironment();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    std::string log(reinterpret_cast<const char *>(data), size);
+    {
+        Analysis analysis(log);
+        analysis.RunLineParsers();
+    }
+    Analysis analysis(log);
+    analysis.TriggerParse(true);
+    analysis.TriggerPartialParse(true);
+    Judge(analysis);
+    return 0;
+}
