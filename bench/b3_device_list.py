@@ -24,6 +24,8 @@ def device_list(connection):
 
 
 def wait_for_one_record(world, service):
+    # The API has a thread of its own: its name may come after the service's.
+    service.wait_until(lambda: world.bus.has_owner(SERVER_NAME), timeout=10, what=SERVER_NAME)
     connection = world.bus.connect()
     service.wait_until(lambda: len(device_list(connection)) == RECORD_BYTES, timeout=30,
                        what='one device record in GetDeviceListInfo')
