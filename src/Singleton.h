@@ -53,6 +53,9 @@ public:
         return fn(*instance);
     }
 
+    // The instance if one has been made; never makes one.
+    static T *PeekInstance() { return m_pInstance.load(std::memory_order_acquire); }
+
     static void ReleaseInstance()
     {
         LOGD("ReleaseInstance");

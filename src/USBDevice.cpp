@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 
 #include "DMesgAnalysis.h"
 #include "DevicesDepot.h"
@@ -11,11 +12,13 @@
 #include "KPILog.h"
 #include "LocalFileData.h"
 #include "Log.h"
+#include "NotificationPopup.h"
 #include "PulseAudioHandler.h"
 #include "SpeakerManagerHandler.h"
 #include "USBHeadsetMgr.h"
 #include "UsbMixer.h"
 #include "UsbOutputChoice.h"
+#include "UsbPopupChoice.h"
 
 namespace {
 
@@ -55,6 +58,16 @@ USBDeviceInfo MakeRecord(usb_device_s *dev, int card)
 bool HasSoundNodes(int card)
 {
     return CUsbServiceUtil::IsSndCtrlCardExist(card) && CUsbServiceUtil::IsSndPcmPlayExist(card);
+}
+
+void ShowPopup(notification_type type, const std::string &name)
+{
+    CSingleton<CNotificationPopup>::GetInstance()->ShowNotiPopup(type, name);
+}
+
+void SendWarning(KPI_WARNING warning, const std::string &name)
+{
+    CSingleton<CKPILog>::GetInstance()->SendWarnings(warning, name);
 }
 
 void ParseKernelLog(GTask *task, gpointer, gpointer taskData, GCancellable *)
@@ -202,6 +215,7 @@ bool CUSBDevice::m_InitDevice()
 int CUSBDevice::m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *&list)
 {
     int kept = 0;
+    const size_t unsupported = m_VecUnsupportedDevice.size();
     usb_device_s *dev = first;
     for (int i = 0; i < count && dev; ++i) {
         if (m_TakeEnumeratedDevice(dev))
@@ -209,6 +223,8 @@ int CUSBDevice::m_ForeachDeviceList(int count, usb_device_s *first, usb_device_l
         if (usb_device_list_get_next(list, &dev) != USB_DEVICE_ERROR_NONE)
             break;
     }
+    if (m_VecUnsupportedDevice.size() > unsupported)
+        m_ShowUnsupportedWarning();
     return kept;
 }
 
@@ -232,6 +248,13 @@ bool CUSBDevice::m_TakeEnumeratedDevice(usb_device_s *dev)
         // A hot-plug event between two passes already recorded it.
         LOGD("device have been exist");
         return true;
+    }
+    if (CUsbServiceUtil::IsAstroProduct(info.strProductName, info.nVendorId, info.nProductId)) {
+        // Not usable: kept aside to be warned about, never taken into the attached list.
+        LOGI("Astro device");
+        if (m_KeepUnsupportedDevice(info, false))
+            m_SetMaxVolume(card);
+        return false;
     }
     info.bNotified = true; // present at start-up: nobody is told about it
     info.bMaxVolumeFailed = m_SetMaxVolume(card) == MAX_VOLUME_WRITE_FAILED;
@@ -339,6 +362,8 @@ void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
 
     USBDeviceInfo info = MakeRecord(dev, card);
     info.bMaxVolumeFailed = m_SetMaxVolume(card) == MAX_VOLUME_WRITE_FAILED;
+    // Only a failed mixer is worth telling the user about.
+    info.bNotified = !info.bMaxVolumeFailed;
 
     if (speakerChange) {
         if (m_TakeAstroDevice(info))
@@ -350,19 +375,31 @@ void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
     m_CancelQuitTimer();
 }
 
-// An Astro headset takes the output without entering the attached list. True when dev is one.
+// An Astro headset is not supported: the user is warned once, it never enters the attached
+// list, and the output goes to the attached devices. True when dev is one.
 bool CUSBDevice::m_TakeAstroDevice(const USBDeviceInfo &info)
 {
     if (!CUsbServiceUtil::IsAstroProduct(info.strProductName, info.nVendorId, info.nProductId))
         return false;
     LOGI("Astro device");
-    const bool known = std::any_of(m_VecAstroHeadset.begin(), m_VecAstroHeadset.end(),
-                                   [&](const USBDeviceInfo &astro) { return astro.strDevPath == info.strDevPath; });
-    if (!known) {
-        m_VecAstroHeadset.push_back(info);
-        CSingleton<CKPILog>::GetInstance()->SendWarnings(KPI_WARNING_UNSUPPORTED_DEVICE, info.strProductName);
+    if (m_KeepUnsupportedDevice(info, true)) {
+        ShowPopup(NOTI_TYPE_UNSUPPORTED_DEVICE, info.strProductName);
+        SendWarning(KPI_WARNING_UNSUPPORTED_DEVICE, info.strProductName);
     }
     EnableUSBOutput();
+    return true;
+}
+
+// Records an unsupported device once; true when it was not recorded yet. warned: the user has
+// been told already.
+bool CUSBDevice::m_KeepUnsupportedDevice(const USBDeviceInfo &info, bool warned)
+{
+    const bool known = std::any_of(m_VecUnsupportedDevice.begin(), m_VecUnsupportedDevice.end(),
+                                   [&](const USBDeviceInfo &device) { return device.strDevPath == info.strDevPath; });
+    if (known)
+        return false;
+    m_VecUnsupportedDevice.push_back(info);
+    m_VecUnsupportedDevice.back().bNotified = warned;
     return true;
 }
 
@@ -378,6 +415,8 @@ void CUSBDevice::m_RouteToNewDevice(USBDeviceInfo &info)
     }
     if (!room) {
         LOGI("USB HEADSET more than 2..");
+        if (!m_ShowUnsupportedWarning())
+            ShowPopup(NOTI_TYPE_DEVICE_CONNECTED, info.strProductName);
         EnableUSBOutput();
         return;
     }
@@ -386,6 +425,22 @@ void CUSBDevice::m_RouteToNewDevice(USBDeviceInfo &info)
     CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudioAsync(true, info.nCardNum);
     CSingleton<CKPILog>::GetInstance()->SendNewConnectedDevice(info.strProductName, info.nVendorId, info.nProductId);
     info.eStatus = DEVICE_STATUS_USING;
+    m_ShowNewDevicePopup(info);
+}
+
+// A device that has just taken the output: a pending unsupported-device warning comes first,
+// then noise on a shared USB port, then a mixer that could not be set.
+void CUSBDevice::m_ShowNewDevicePopup(USBDeviceInfo &info)
+{
+    if (m_ShowUnsupportedWarning())
+        return;
+    if (m_IsTwinPortInsert(info.strDevPath)) {
+        ShowPopup(NOTI_TYPE_USB_PORT_NOISE, info.strProductName);
+    } else if (info.bMaxVolumeFailed) {
+        ShowPopup(NOTI_TYPE_MAY_NOT_WORK_NORMALLY, info.strProductName);
+        SendWarning(KPI_WARNING_DEVICE_SETUP_FAILED, info.strProductName);
+        info.bNotified = true;
+    }
 }
 
 void CUSBDevice::RemoveDevice(usb_device_s *dev)
@@ -394,16 +449,17 @@ void CUSBDevice::RemoveDevice(usb_device_s *dev)
     LOGI("devPath : %s", devPath.c_str());
     if (CUsbServiceUtil::IsAstroProduct(Text(usb_device_get_product(dev)), usb_device_get_vendor_id(dev),
                                         usb_device_get_product_id(dev)))
-        m_VecAstroHeadset.erase(std::remove_if(m_VecAstroHeadset.begin(), m_VecAstroHeadset.end(),
-                                               [&](const USBDeviceInfo &astro) { return astro.strDevPath == devPath; }),
-                                m_VecAstroHeadset.end());
+        m_VecUnsupportedDevice.erase(
+            std::remove_if(m_VecUnsupportedDevice.begin(), m_VecUnsupportedDevice.end(),
+                           [&](const USBDeviceInfo &device) { return device.strDevPath == devPath; }),
+            m_VecUnsupportedDevice.end());
 
     int card = 0;
     if (m_IsDeviceExist(devPath) && CUsbServiceUtil::GetCardNum(devPath, &card))
         m_ReleaseRemovedDevice(devPath, card);
 
     if (GetDeviceCnt() > 0)
-        m_ShareOutputWithRemaining();
+        m_ShowRemainingDevicePopup(m_ShareOutputWithRemaining());
     else
         m_OnLastDeviceRemoved();
 }
@@ -421,13 +477,14 @@ void CUSBDevice::m_ReleaseRemovedDevice(const std::string &devPath, int card)
     CSingleton<DevicesDetected>::GetInstance()->RemoveDevice(devPath);
 }
 
-void CUSBDevice::m_ShareOutputWithRemaining()
+// Returns the paths of the devices that took the output.
+std::vector<std::string> CUSBDevice::m_ShareOutputWithRemaining()
 {
     for (const USBDeviceInfo &device : GetDevices())
         m_SetMaxVolume(device.nCardNum);
     LOGI("still usb headset exist.");
     if (!m_IsUsbSpeakerSelected())
-        return;
+        return {};
     LOGI("current speaker is USB HEADSET, try to enable headset which not using..");
     std::vector<USBDeviceInfo> taken;
     {
@@ -435,10 +492,32 @@ void CUSBDevice::m_ShareOutputWithRemaining()
         for (size_t index : CUsbOutputChoice::TakeFreeDevices(m_VecUSBHeadset))
             taken.push_back(m_VecUSBHeadset[index]);
     }
+    std::vector<std::string> takenPaths;
     for (const USBDeviceInfo &device : taken) {
         CSingleton<DevicesDetected>::GetInstance()->SetDeviceStatus(device.strDevPath, DEVICE_STATUS_USING);
         CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudioAsync(true, device.nCardNum);
+        takenPaths.push_back(device.strDevPath);
     }
+    return takenPaths;
+}
+
+void CUSBDevice::m_ShowRemainingDevicePopup(const std::vector<std::string> &justTaken)
+{
+    if (m_ShowUnsupportedWarning())
+        return;
+    const std::vector<USBDeviceInfo> devices = GetDevices();
+    const std::optional<DevicePopup> popup = CUsbPopupChoice::ChooseAfterRemoval(devices, justTaken);
+    if (!popup)
+        return;
+    const USBDeviceInfo &device = devices[popup->index];
+    ShowPopup(popup->type, device.strProductName);
+    if (popup->type != NOTI_TYPE_MAY_NOT_WORK_NORMALLY)
+        return;
+    SendWarning(KPI_WARNING_DEVICE_SETUP_FAILED, device.strProductName);
+    std::lock_guard<std::mutex> lock(m_VecMutex);
+    for (USBDeviceInfo &attached : m_VecUSBHeadset)
+        if (attached.strDevPath == device.strDevPath)
+            attached.bNotified = true;
 }
 
 void CUSBDevice::m_OnLastDeviceRemoved()
@@ -449,6 +528,7 @@ void CUSBDevice::m_OnLastDeviceRemoved()
         CSingleton<CSpeakerManagerHandler>::GetInstance()->SendSignalToSpeakerManager();
     }
     m_StartQuitTimer();
+    m_ShowUnsupportedWarning();
 }
 
 void CUSBDevice::m_AppendDevice(const USBDeviceInfo &info)

@@ -47,6 +47,10 @@ public:
     // Fills a cleared list for client applications; returns the number of records (at most 2).
     // Safe on any thread (USBDeviceLists.cpp).
     int GetNetDeviceList(HadrixDeviceListInfo_t *list);
+    // Warns about the first unsupported device not warned about yet (popup and KPI warning);
+    // true when it warned. One device per call, each once while it stays plugged
+    // (USBDeviceLists.cpp).
+    bool m_ShowUnsupportedWarning();
     // Whether a key device's name contains an attached device's full name, manufacturer and
     // product (USBDeviceGamepad.cpp).
     bool CheckWhetherUsbDevice(const std::string &deviceName);
@@ -86,9 +90,12 @@ private:
     device_status m_GetDeviceStatus(const std::string &devPath);
     void m_AppendDevice(const USBDeviceInfo &info);
     bool m_TakeAstroDevice(const USBDeviceInfo &info);
+    bool m_KeepUnsupportedDevice(const USBDeviceInfo &info, bool warned);
     void m_RouteToNewDevice(USBDeviceInfo &info);
+    void m_ShowNewDevicePopup(USBDeviceInfo &info);
     void m_ReleaseRemovedDevice(const std::string &devPath, int card);
-    void m_ShareOutputWithRemaining();
+    std::vector<std::string> m_ShareOutputWithRemaining();
+    void m_ShowRemainingDevicePopup(const std::vector<std::string> &justTaken);
     void m_OnLastDeviceRemoved();
     static gboolean m_RestVolumeTimerCb(gpointer data);
 
@@ -112,8 +119,9 @@ private:
     // lock is never held while calling out of the manager.
     std::vector<USBDeviceInfo> m_VecUSBHeadset;
     std::mutex m_VecMutex;
-    // Astro headsets: taken as output, never recorded in the attached list. Main loop only.
-    std::vector<USBDeviceInfo> m_VecAstroHeadset;
+    // Devices detected that the service cannot use (Astro headsets): never in the attached
+    // list; bNotified marks those the user has been warned about. Main loop only.
+    std::vector<USBDeviceInfo> m_VecUnsupportedDevice;
 
     // GLib source ids of pending timers (main loop only); 0 when none is pending.
     guint m_RestVolumeTimerId = 0;

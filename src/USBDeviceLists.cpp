@@ -7,8 +7,10 @@
 #include <glib.h>
 
 #include "HadrixDeviceListInfo.h"
+#include "KPILog.h"
 #include "LocalFileData.h"
 #include "Log.h"
+#include "NotificationPopup.h"
 #include "USBDevice.h"
 #include "UsbOutputChoice.h"
 
@@ -92,4 +94,18 @@ std::string CUSBDevice::GetDeviceInfoForOSD()
         return JoinOSDNames(devices, true);
     CUsbOutputChoice::SortByTimeStamp(devices);
     return JoinOSDNames(devices, false);
+}
+
+bool CUSBDevice::m_ShowUnsupportedWarning()
+{
+    LOGI("unsupported devices size :%zu", m_VecUnsupportedDevice.size());
+    auto unwarned = std::find_if(m_VecUnsupportedDevice.begin(), m_VecUnsupportedDevice.end(),
+                                 [](const USBDeviceInfo &device) { return !device.bNotified; });
+    if (unwarned == m_VecUnsupportedDevice.end())
+        return false;
+    LOGI("--- item product name :%s warning %d", unwarned->strProductName.c_str(), unwarned->bNotified);
+    unwarned->bNotified = true;
+    CSingleton<CNotificationPopup>::GetInstance()->ShowNotiPopup(NOTI_TYPE_UNSUPPORTED_DEVICE, unwarned->strProductName);
+    CSingleton<CKPILog>::GetInstance()->SendWarnings(KPI_WARNING_UNSUPPORTED_DEVICE, unwarned->strProductName);
+    return true;
 }

@@ -12,6 +12,7 @@
 #include "LocalFileData.h"
 #include "Log.h"
 #include "MultiviewHandler.h"
+#include "NotificationPopup.h"
 #include "PulseAudioHandler.h"
 #include "SoundMirroringEventHandler.h"
 #include "USBHeadsetMgr.h"
@@ -24,6 +25,7 @@ namespace {
 
 constexpr char kTextDomain[] = "hadrix";
 constexpr char kLocaleDir[] = "/usr/apps/hadrix/res/locale";
+constexpr char kTextCodeset[] = "UTF-8";
 constexpr int kBootTraceOption = 666; // the platform's boot-trace prctl; fails harmlessly elsewhere
 constexpr int kWatchdogTimeoutSec = 60;
 constexpr unsigned int kHeartbeatMs = 5000;
@@ -59,6 +61,9 @@ void BindTextDomain()
         LOGE("bindtextdomain ret : %s", result);
     else
         LOGE("bindtextdomain return null");
+    // Popup texts go over D-Bus, which carries UTF-8 whatever the menu language's codeset.
+    if (!bind_textdomain_codeset(kTextDomain, kTextCodeset))
+        LOGE("bind_textdomain_codeset %s failed", kTextCodeset);
 }
 
 gboolean OnDeadLockNotifyCB(gpointer)
@@ -88,6 +93,9 @@ void service_app_terminate(void *)
     CSingleton<CUSBAPIServer>::GetInstance()->DestroyListener();
     // A "Start" or "Stop" still on its way to the audio server is finished, not cut off.
     CSingleton<CPulseAudioHandler>::GetInstance()->StopSendSignalToPulseAudio();
+    // Popup workers are detached: none may still be inside the notification service at exit.
+    if (CNotificationPopup *popups = CSingleton<CNotificationPopup>::PeekInstance())
+        popups->FinishPopups();
 }
 
 void service_app_control(app_control_h app_control, void *user_data)

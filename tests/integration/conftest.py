@@ -17,6 +17,7 @@ from harness.bus import HADRIX_BUS_NAME, VOLUME_APP, MockService, SystemBus  # n
 from harness.daemon import Launcher  # noqa: E402
 from harness.env import ChildEnv  # noqa: E402
 from harness.klog import KernelLog  # noqa: E402
+from harness.locales import MissingLocales, compile_locales  # noqa: E402
 from harness.notify import NotifySocket  # noqa: E402
 from harness.platform import PlatformServices  # noqa: E402
 from harness.observer import SignalObserver  # noqa: E402
@@ -95,7 +96,24 @@ def system_bus(socket_dir, tmp_path, request):
 
 @pytest.fixture
 def hadrix_root(tmp_path):
-    return HadrixRoot(tmp_path / 'root')
+    """The test's root, with the build's application files (catalogue, images) when they are
+    built: tests that need them ask for `app_files`."""
+    root = HadrixRoot(tmp_path / 'root')
+    try:
+        root.install_app_files(paths.app_files())
+    except paths.MissingProgram:
+        pass
+    return root
+
+
+@pytest.fixture
+def app_files(hadrix_root):
+    """Fails the test unless the build's application files are in the test's root."""
+    try:
+        paths.app_files()
+    except paths.MissingProgram as exc:
+        pytest.fail(str(exc), pytrace=False)
+    return hadrix_root / '/usr/apps/hadrix'
 
 
 @pytest.fixture
@@ -233,6 +251,30 @@ def kernel_log(child_env, tmp_path):
     child_env.set('HADRIX_FAKE_KLOG', log.path)
     child_env.preload(program('hadrix-klog-shim'))
     return log
+
+
+# The menu languages tests switch the service to.
+TEST_LOCALES = ('en_US.UTF-8', 'de_DE.UTF-8', 'fr_FR.UTF-8')
+
+
+@pytest.fixture(scope='session')
+def compiled_locales(tmp_path_factory):
+    try:
+        return compile_locales(tmp_path_factory.mktemp('locales'), TEST_LOCALES)
+    except MissingLocales as exc:
+        pytest.fail(str(exc), pytrace=False)
+
+
+@pytest.fixture
+def menu_language(compiled_locales, child_env, hadrix_root):
+    """menu_language('de_DE.UTF-8') stores the TV's menu language, one of TEST_LOCALES; the
+    programs started afterwards find its locale (LOCPATH)."""
+    child_env.set('LOCPATH', compiled_locales)
+
+    def choose(name):
+        assert name in TEST_LOCALES, f'{name} is not compiled for the tests'
+        hadrix_root.set_setting('db/menu_widget/language', name)
+    return choose
 
 
 @pytest.fixture

@@ -39,6 +39,9 @@ INSTALLED = {
     TMPFILES: 0o644,
     'usr/share/doc/hadrix/README.md': 0o644,
     'usr/share/doc/hadrix/dbus-api.md': 0o644,
+    **{f'usr/apps/hadrix/res/locale/{language}/LC_MESSAGES/hadrix.mo': 0o644
+       for language in ('en', 'de', 'fr')},
+    'usr/apps/hadrix/shared/res/img_usb_port_guide.svg': 0o644,
 }
 
 API_INTERFACE = 'org.nimbos.hadrix.server.interface'

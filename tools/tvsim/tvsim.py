@@ -2,11 +2,11 @@
 """tvsim — hadrix on a simulated TV.
 
 Starts a private system bus with the TV platform's services (sound manager, audio control,
-device power, audio server), a USB device testbed, a kernel log, a fresh installation root with
+device power, audio server, notification service), a USB device testbed, a kernel log, a fresh installation root with
 its settings store, and the real hadrix daemon. Then it runs a scripted story (`demo`) or takes
 commands from an engineer (`run`), printing a readable timeline of what the service did and
-why: from its log, the calls the platform services received, the signals on the bus and the
-service manager's notify socket.
+why: from its log, the calls the platform services received, the popups it posted, the signals
+on the bus and the service manager's notify socket.
 
 Run it under the device emulation with Debian's Python (scripts/demo does):
     umockdev-wrapper /usr/bin/python3 tools/tvsim/tvsim.py demo|run
@@ -30,6 +30,7 @@ from harness.daemon import Launcher  # noqa: E402
 from harness.devices import CATALOGUE, plug  # noqa: E402
 from harness.env import ChildEnv  # noqa: E402
 from harness.klog import KernelLog  # noqa: E402
+from harness.locales import MissingLocales, compile_locales  # noqa: E402
 from harness.notify import NotifySocket  # noqa: E402
 from harness.observer import SignalObserver  # noqa: E402
 from harness.platform import PlatformServices  # noqa: E402
@@ -46,6 +47,10 @@ POWER_NORMAL, POWER_STANDBY = 0, 4
 BOOTED_SECONDS_AGO = 30.0
 USB_AUDIO_MODE = '/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode'
 DEPOT = '/home/owner/apps_rw/hadrix/data/devices.depot'
+MENU_LANGUAGE = 'db/menu_widget/language'
+SYSTEM_INFO = '/etc/nimbos/system-info.conf'
+# The menu languages the simulated TV offers (compiled at start, a second or two each).
+LANGUAGES = ('en_US.UTF-8', 'de_DE.UTF-8')
 
 # What a log message means to someone watching the TV: (pattern, explanation); the pattern's
 # groups fill the explanation.
@@ -122,9 +127,14 @@ class SimulatedTV:
         self.timeline = timeline
         self.keep = keep
         self.work = Path(tempfile.mkdtemp(prefix='tvsim-'))
+        locales = compile_locales(self.work / 'locales', LANGUAGES)
         self.sockets = paths.SocketDir()
         self.bus = SystemBus(self.sockets.path, self.work)
         self.root = HadrixRoot(self.work / 'root')
+        self.root.install_app_files(paths.app_files())
+        self.root.set_setting(MENU_LANGUAGE, LANGUAGES[0])
+        self.root.write(SYSTEM_INFO, '[system]\nmodel=UA55TV\n[features]\n'
+                                     'com.corvel/featureconf/product.device_sid=REP.DEVICE.TV\n')
         self.notify = NotifySocket(self.sockets / 'notify')
         self.kernel_log = KernelLog(self.work / 'kernel.log')
         self.kernel_log.boot()
@@ -133,7 +143,8 @@ class SimulatedTV:
         for key, value in {**self.root.env(), **self.testbed.env(),
                            'DBUS_SYSTEM_BUS_ADDRESS': self.bus.address,
                            'NOTIFY_SOCKET': self.notify.path,
-                           'HADRIX_FAKE_KLOG': self.kernel_log.path}.items():
+                           'HADRIX_FAKE_KLOG': self.kernel_log.path,
+                           'LOCPATH': locales}.items():
             self.env.set(key, value)
         self.env.preload(paths.program('hadrix-klog-shim'))
         self.launcher = Launcher(self.env, self.work)
@@ -147,7 +158,7 @@ class SimulatedTV:
         self.hubs = set()
         self.daemon = None
         self._until_mark = 0
-        self._seen = {'log': 0, 'notify': 0, 'signals': 0, 'launches': 0}
+        self._seen = {'log': 0, 'notify': 0, 'signals': 0, 'launches': 0, 'popups': 0, 'closed': 0}
         self._calls_seen = {}
         timeline.say('tv', f'private system bus at {self.bus.address}')
         timeline.say('tv', f'installation root {self.root.path}')
@@ -232,6 +243,12 @@ class SimulatedTV:
         self.timeline.say('phone', f'screen mirroring sets the {what} to {value}')
         self.root.set_setting(f'memory/menu/network/screenmirroring/{key}', int(value))
 
+    def language(self, name):
+        if name not in LANGUAGES:
+            raise KeyError(f'no language {name!r}; known: {", ".join(LANGUAGES)}')
+        self.timeline.say('viewer', f'sets the menu language to {name}')
+        self.root.set_setting(MENU_LANGUAGE, name)
+
     def state(self):
         volume = self.root.get_setting('db/hadrix/volume_level')
         grabbed = self.key_router.obj.GetGrabbedKeys(dbus_interface=self.key_router.interface)
@@ -254,6 +271,7 @@ class SimulatedTV:
         self._follow_calls()
         self._follow_launches()
         self._follow_signals()
+        self._follow_popups()
         self._follow_notify()
 
     def _follow_log(self):
@@ -290,6 +308,21 @@ class SimulatedTV:
         for signal in received[self._seen['signals']:]:
             self.timeline.say('bus', SIGNALS[signal.member].format(*signal.args))
         self._seen['signals'] = len(received)
+
+    def _follow_popups(self):
+        """Each popup as the viewer would see it: title, text, and whether the port guide
+        image is shown beside it."""
+        popups = self.services.popups
+        closed = popups.closed()
+        for notification_id in closed[self._seen['closed']:]:
+            self.timeline.say('popup', f'popup {notification_id} taken down')
+        self._seen['closed'] = len(closed)
+        posted = popups.posted()
+        for popup in posted[self._seen['popups']:]:
+            guide = ' [beside it: the USB-port guide image]' if 'image-path' in popup.hints else ''
+            self.timeline.say('popup', f'┌ {popup.title}')
+            self.timeline.say('popup', f'└ {popup.body}{guide}')
+        self._seen['popups'] = len(posted)
 
     def _follow_notify(self):
         messages = self.notify.messages()
@@ -362,6 +395,15 @@ def demo(tv):
     tv.unplug('headset')
     tv.settle(2)
     tv.state()
+    # Two devices on the ports of one hub pick up each other's noise.
+    tv.plug('twin-a')
+    tv.settle(2)
+    tv.plug('twin-b')
+    tv.settle(2)
+    tv.language('de_DE.UTF-8')
+    tv.settle(0.5)
+    tv.plug('astro')
+    tv.settle(2)
     return tv.stop_service()
 
 
@@ -373,6 +415,7 @@ COMMANDS_HELP = '''commands:
   mirror level N | mirror mute 0|1   screen mirroring's volume
   standby | resume            the TV's power button
   route N                     the viewer picks output route N (7 TV speakers, 15 USB headset)
+  language NAME               the menu language ({languages})
   state                       what the TV knows now
   wait SECONDS                just watch
   quit                        stop the service and the simulation'''
@@ -384,11 +427,11 @@ def run(tv):
           f'  export DBUS_SYSTEM_BUS_ADDRESS={tv.bus.address}\n'
           f'  export HADRIX_ROOT={tv.root.path} HADRIX_SETTINGS_DIR={tv.root.settings_dir} '
           f'HADRIX_RUNTIME_SETTINGS_DIR={tv.root.runtime_settings_dir}\n'
-          + COMMANDS_HELP.format(names=', '.join(CATALOGUE)) + '\n', flush=True)
+          + COMMANDS_HELP.format(names=', '.join(CATALOGUE), languages=', '.join(LANGUAGES)) + '\n', flush=True)
     actions = {'plug': tv.plug, 'unplug': tv.unplug, 'standby': tv.standby, 'resume': tv.resume,
                'route': lambda n: tv.route(int(n)), 'state': tv.state,
                'wait': lambda s: tv.settle(float(s)), 'key': tv.key, 'tts': tv.tts,
-               'multiview': tv.multiview, 'mirror': tv.mirror}
+               'multiview': tv.multiview, 'mirror': tv.mirror, 'language': tv.language}
     for line in sys.stdin:
         words = line.split()
         if not words:
@@ -398,7 +441,7 @@ def run(tv):
             break
         action = actions.get(words[0])
         if action is None:
-            print(COMMANDS_HELP.format(names=', '.join(CATALOGUE)), flush=True)
+            print(COMMANDS_HELP.format(names=', '.join(CATALOGUE), languages=', '.join(LANGUAGES)), flush=True)
             continue
         try:
             action(*words[1:])
@@ -417,12 +460,13 @@ def main():
     try:
         for name in ('hadrix', 'hadrix-settings', 'hadrix-klog-shim'):
             paths.program(name)
+        paths.app_files()
     except paths.MissingProgram as error:
         sys.exit(f'tvsim: {error}')
     timeline = Timeline()
     try:
         tv = SimulatedTV(timeline, keep=args.keep)
-    except NotMocked as error:
+    except (NotMocked, MissingLocales) as error:
         sys.exit(f'tvsim: {error}')
     try:
         status = {'demo': demo, 'run': run}[args.command](tv)

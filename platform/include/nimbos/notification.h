@@ -61,8 +61,9 @@ int notification_free(notification_h noti);
 int notification_set_text(notification_h noti, notification_text_part_e part, const char *text, int arg_count, ...);
 /* layout is the notification service's layout number, passed through. */
 int notification_set_layout(notification_h noti, int layout);
-/* Sets the image of slot image_type (the service's image slot number) to the image file at path.
- * A popup on this system shows one image: the last one set. */
+/* Sets the image of slot image_type (the service's image slot number) to the image file at path,
+ * an absolute platform path (resolved like every platform path, see paths.h). A popup on this
+ * system shows one image: the last one set. */
 int notification_set_image(notification_h noti, int image_type, const char *path);
 /* applist: a set of notification_display_area_e. */
 int notification_set_display_applist(notification_h noti, int applist);

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <glib-unix.h>
@@ -22,6 +23,7 @@
 #include "nimbos/audio_control.h"
 #include "nimbos/events.h"
 #include "nimbos/keyrouter.h"
+#include "nimbos/notification.h"
 #include "nimbos/power.h"
 #include "nimbos/sound.h"
 #include "nimbos/usb.h"
@@ -651,6 +653,48 @@ struct Command {
 
 int Timed(const Args &args);
 
+GThread *g_notifyLoopThread = nullptr;
+
+void OnNotificationEvent(notification *, int eventType, void *)
+{
+    bool onLoop = g_thread_self() == g_notifyLoopThread && g_main_context_is_owner(g_main_context_default());
+    printf("event %d %s\n", eventType, onLoop ? "on-loop" : "off-loop");
+    fflush(stdout);
+}
+
+struct NotificationDeleter {
+    void operator()(notification *noti) const { notification_delete(noti); }
+};
+
+// Posts a popup from a thread of its own (as the service does), then posts it again with the
+// title marked "(updated)"; prints both results, then "event N on-loop|off-loop" for each event
+// until SECONDS pass, and takes the popup down. TEXT's "%s" are filled with the ARGs.
+int Notify(const Args &args)
+{
+    int seconds = 0;
+    if (args.size() < 3 || args.size() > 5 || !ParseCardNumber(args[0], seconds) || seconds <= 0)
+        return kUsageError;
+    std::unique_ptr<notification, NotificationDeleter> noti(notification_create(NOTIFICATION_STYLE_SIMPLE));
+    if (!noti)
+        return ExitStatus(false);
+    const std::string title = args[1];
+    const int textArgs = static_cast<int>(args.size()) - 3;
+    notification_set_text(noti.get(), NOTIFICATION_TEXT_TITLE, title.c_str(), NOTIFICATION_TEXT_NO_ARGS);
+    notification_set_text(noti.get(), NOTIFICATION_TEXT_CONTENT, args[2].c_str(), textArgs,
+                          textArgs > 0 ? args[3].c_str() : nullptr, textArgs > 1 ? args[4].c_str() : nullptr);
+    int first = 0;
+    int second = 0;
+    g_notifyLoopThread = g_thread_self();
+    std::thread([&] {
+        first = notification_post_with_event_cb(noti.get(), OnNotificationEvent, nullptr);
+        const std::string updated = title + " (updated)";
+        notification_set_text(noti.get(), NOTIFICATION_TEXT_TITLE, updated.c_str(), NOTIFICATION_TEXT_NO_ARGS);
+        second = notification_post(noti.get());
+    }).join();
+    printf("posted %d %d\n", first, second);
+    return RunWatchLoop(seconds);
+}
+
 const Command kCommands[] = {
     {"launch-app", "KEY VALUE [KEY VALUE...]", LaunchApp},
     {"set-max-volume", "CARD", SetMaxVolume},
@@ -673,6 +717,7 @@ const Command kCommands[] = {
     {"power-watch", "SECONDS [once]", PowerWatch},
     {"keys-grab", "SECONDS KEY...", KeysGrab},
     {"zones", "TYPE", Zones},
+    {"notify", "SECONDS TITLE TEXT [ARG [ARG]]", Notify},
     {"timed", "COMMAND [ARGS...]", Timed},
 };
 

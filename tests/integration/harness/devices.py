@@ -37,13 +37,14 @@ CATALOGUE = {
 }
 
 
-def plug(testbed, name, kernel_log=None, at=None):
+def plug(testbed, name, kernel_log=None, at=None, initialized=True):
     """Plugs catalogue device `name`; with a kernel log, first writes the lines of its
-    enumeration stamped `at` seconds after boot."""
+    enumeration stamped `at` seconds after boot. Without `initialized` its card waits for
+    testbed.initialize (to attach an emulated mixer first)."""
     device = CATALOGUE[name]
     if kernel_log is not None:
         kernel_log.detect(device.port, at, device.vid, device.pid, device.product)
     return testbed.add_headset(card=device.card, vid=device.vid, pid=device.pid,
                                product=device.product, manufacturer=device.manufacturer,
                                port=device.port, devnum=2 + device.card,
-                               interface_class=device.interface_class)
+                               interface_class=device.interface_class, initialized=initialized)

@@ -7,8 +7,9 @@ with first=True (a sanitizer runtime) goes before everything else.
 import os
 
 # Inherited variables that would tie a child to the developer's session or to another test.
+# LANGUAGE would override the menu language the service applies to its texts.
 _DROPPED = ('NOTIFY_SOCKET', 'DBUS_SESSION_BUS_ADDRESS', 'DBUS_SYSTEM_BUS_ADDRESS', 'FAKETIME',
-            'UMOCKDEV_DIR', 'LD_PRELOAD')
+            'UMOCKDEV_DIR', 'LD_PRELOAD', 'LANGUAGE', 'LOCPATH')
 _DROPPED_PREFIXES = ('HADRIX_', 'FAKETIME_')
 
 

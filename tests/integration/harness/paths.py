@@ -15,6 +15,9 @@ PROGRAMS = {
     'hadrix-klog-shim': 'tests/shims/libhadrix-klog-shim.so',
 }
 
+# The application files of the build, laid out as under HADRIX_ROOT.
+STAGED_APP_FILES = 'root/usr/apps'
+
 # libfaketime's preload library: Debian installs it under the multiarch directory.
 FAKETIME_LIBS = sorted(Path('/usr/lib').glob('*/faketime/libfaketime.so.1'))
 
@@ -37,6 +40,18 @@ def program(name):
             f'{name} is not built: {path} does not exist. Build it with '
             f'"cmake --build {build} --target {name}", or point HADRIX_BUILD_DIR at the build '
             f'directory that has it.')
+    return path
+
+
+def app_files():
+    """The application files the build staged as under HADRIX_ROOT (translation catalogue,
+    images): <build>/root/usr/apps; raises MissingProgram with how to build them."""
+    build = build_dir()
+    path = build / STAGED_APP_FILES
+    if not path.is_dir():
+        raise MissingProgram(
+            f'the application files are not built: {path} does not exist. Build them with '
+            f'"cmake --build {build} --target hadrix-res".')
     return path
 
 

@@ -1,5 +1,6 @@
 """A private file-system root for the service (HADRIX_ROOT) with its settings directories."""
 import os
+import shutil
 from pathlib import Path
 
 _TYPES = {bool: 'bool', int: 'int', float: 'double', str: 'string'}
@@ -20,6 +21,10 @@ class HadrixRoot:
         self.runtime_settings_dir = self.path / 'run/nimbos/settings'
         for directory in (self.path / 'tmp', self.settings_dir, self.runtime_settings_dir):
             directory.mkdir(parents=True, exist_ok=True)
+
+    def install_app_files(self, app_files):
+        """Copies the application files of a build (paths.app_files()) to /usr/apps."""
+        shutil.copytree(app_files, self / '/usr/apps', dirs_exist_ok=True)
 
     def env(self):
         return {'HADRIX_ROOT': str(self.path), 'HADRIX_SETTINGS_DIR': str(self.settings_dir),
