@@ -53,11 +53,11 @@ CGamepadList::Change CGamepadList::Update(int event, const _gamepad_device_info_
     std::string pidText, vidText;
     int productId = 0, vendorId = 0;
     if (!ReadId(uid, "PID_", pidText, productId)) {
-        LOGE("can not find PID");
+        LOGW("can not find PID");
         return Change::NoProductId;
     }
     if (!ReadId(uid, "VID_", vidText, vendorId)) {
-        LOGE("can not find VID");
+        LOGW("can not find VID");
         return Change::NoVendorId;
     }
     LOGI("vid :%s, %d, pid :%s, %d", vidText.c_str(), vendorId, pidText.c_str(), productId);

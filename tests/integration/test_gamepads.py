@@ -135,3 +135,21 @@ def test_headset_with_ids_no_gamepad_has_takes_the_output(tv):
     assert tv.signals.wait_for('Start')[0].args == (1,)
     assert tv.kpi_warnings() == []
     assert not tv.daemon.log.find(message_is('gamepad'), since=mark)
+
+
+def test_manager_rebuilt_after_standby_registers_again_and_lists_the_gamepad(tv):
+    tv.bed.add_joystick(**PAD)
+    tv.start()
+    tv.daemon.wait_for_log(REGISTERED, timeout=15)
+    mark = tv.daemon.log.mark()
+    tv.services.change_power(4)
+    tv.services.change_power(0)
+    tv.daemon.wait_for_log('begin to intit device file', since=mark, timeout=10)
+    # The new manager asks the gamepad library a second after its enumeration.
+    tv.daemon.wait_for_log(REGISTERED, since=mark, timeout=20)
+    tv.daemon.wait_for_log('0 gamepad device name : 8BitDo_Pro_2, uid : VID_2DC8 PID_3106',
+                           since=mark)
+
+    _, mark = tv.plug_card(**PAD_CARD)
+    tv.daemon.wait_for_log('device exist in the gamepad list with the same pid&vid', since=mark)
+    tv.assert_output_untouched()
