@@ -26,6 +26,9 @@ constexpr int kBootInitTries = 10;
 constexpr int kStandbyInitTries = 10;
 constexpr unsigned int kInitRetryMs = 1000;
 constexpr unsigned int kRestVolumeDelayMs = 40000;
+// The gamepad library is consulted once the system's input devices have settled.
+constexpr unsigned int kBootGamepadDelayMs = 10000;
+constexpr unsigned int kStandbyGamepadDelayMs = 1000;
 
 // The kernel's table of USB devices, kept beside the kernel-log copies for diagnosis.
 constexpr char kUsbDeviceTable[] = "/sys/kernel/debug/usb/devices";
@@ -88,8 +91,10 @@ CUSBDevice::~CUSBDevice()
     LOGD("~CUSBDevice");
     m_AbandonInitParse();
     for (guint *id : {&m_RestVolumeTimerId, &m_DelayLeaveUSBModeTimerId, &m_USBStateCheckTimerId,
-                      &m_DelayQuitTimerId, &m_InitRetryTimerId})
+                      &m_DelayQuitTimerId, &m_InitRetryTimerId, &m_RegisterGamepadTimerId})
         m_RemoveTimer(*id);
+    if (m_GamepadCbRegistered)
+        gamepad_unregister_connection_callback();
 }
 
 void CUSBDevice::InitFromBoot()
@@ -140,6 +145,7 @@ void CUSBDevice::m_AfterInitParse()
     if (m_InitKind == InitKind::Boot) {
         m_RemoveTimer(m_RestVolumeTimerId);
         m_RestVolumeTimerId = g_timeout_add(kRestVolumeDelayMs, m_RestVolumeTimerCb, this);
+        m_ArmGamepadRegistration(kBootGamepadDelayMs);
         CLocalFileData *files = CSingleton<CLocalFileData>::GetInstance();
         if (!files->IsUSBServiceRunning()) {
             files->SetUSBServiceRunning();
@@ -242,7 +248,7 @@ bool CUSBDevice::m_TakeEnumeratedDevice(usb_device_s *dev)
     if (!HasSoundNodes(card))
         return false;
     USBDeviceInfo info = MakeRecord(dev, card);
-    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId))
+    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId) || m_CheckGamepad(dev))
         return false;
     if (m_IsDeviceExist(devPath)) {
         // A hot-plug event between two passes already recorded it.
@@ -305,6 +311,7 @@ void CUSBDevice::m_SwitchToUSBSpeakerIfPluggedByUser()
 void CUSBDevice::m_FinishStandby(bool found)
 {
     CSingleton<CLocalFileData>::GetInstance()->SetMuteState(false);
+    m_ArmGamepadRegistration(kStandbyGamepadDelayMs);
     if (!found) {
         LOGI("No devices found.");
         WaitOrDisableUSBOutputByEmptyDeviceList();
@@ -351,6 +358,12 @@ void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
     LOGI("devPath : %s  speakerchange : %d", devPath.c_str(), speakerChange);
     if (m_IsDeviceExist(devPath)) {
         LOGI("device have been exist");
+        return;
+    }
+    if (m_CheckGamepad(dev)) {
+        LOGI("gamepad");
+        CSingleton<CKPILog>::GetInstance()->SendWarnings(KPI_WARNING_UNSUPPORTED_DEVICE,
+                                                         Text(usb_device_get_product(dev)));
         return;
     }
     int card = 0;
@@ -594,6 +607,12 @@ gboolean CUSBDevice::m_RestVolumeTimerCb(gpointer data)
     if (!devices.empty())
         CUsbMixer::RestVolume(devices);
     return G_SOURCE_REMOVE;
+}
+
+void CUSBDevice::m_ArmGamepadRegistration(unsigned int delayMs)
+{
+    m_RemoveTimer(m_RegisterGamepadTimerId);
+    m_RegisterGamepadTimerId = g_timeout_add(delayMs, m_RegisterGamepadCb, this);
 }
 
 void CUSBDevice::m_RemoveTimer(guint &id)

@@ -9,9 +9,11 @@
 
 #include <gio/gio.h>
 
+#include "GamepadList.h"
 #include "HadrixDeviceListInfo.h"
 #include "Singleton.h"
 #include "USBDeviceInfo.h"
+#include "nimbos/gamepad.h"
 #include "nimbos/usb.h"
 
 class CUSBDevice : public CSingleton<CUSBDevice> {
@@ -99,6 +101,17 @@ private:
     void m_OnLastDeviceRemoved();
     static gboolean m_RestVolumeTimerCb(gpointer data);
 
+    // Gamepads (USBDeviceGamepad.cpp): whether a device is a gamepad's audio function, which the
+    // service leaves alone; the list of connected gamepads follows the gamepad library from the
+    // registration timer on.
+    static gboolean m_RegisterGamepadCb(gpointer data);
+    void m_ArmGamepadRegistration(unsigned int delayMs);
+    void m_InitGamepadList();
+    static void m_GamepadConnectionCb(int event, _gamepad_device_info_s info, void *data);
+    void m_UpdateGamepadList(int event, const _gamepad_device_info_s &info);
+    bool m_CheckGamepad(usb_device_s *device);
+    static bool m_CheckIDInputJoySticks(int productId, int vendorId);
+
     // Output switching (USBDeviceOutput.cpp).
     void m_SwitchToUSBSpeaker();
     static bool m_IsUsbSpeakerSelected();
@@ -129,7 +142,12 @@ private:
     guint m_USBStateCheckTimerId = 0;
     guint m_DelayQuitTimerId = 0;
     guint m_InitRetryTimerId = 0;
+    guint m_RegisterGamepadTimerId = 0;
     int m_USBStateCheckTimes = 0;
+
+    CGamepadList m_GamepadList;
+    // Whether the gamepad library calls this manager back; undone by the destructor.
+    bool m_GamepadCbRegistered = false;
 
     // The start-up sequence in progress.
     InitKind m_InitKind = InitKind::Boot;

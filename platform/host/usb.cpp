@@ -12,10 +12,7 @@
 #include "nimbos/usb.h"
 
 #include "HostLog.h"
-
-#include <glib-unix.h>
-#include <glib.h>
-#include <libudev.h>
+#include "Udev.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -54,28 +51,13 @@ constexpr const char *kInitializedProperty = "SOUND_INITIALIZED";
 char kAdded[] = "added";
 char kRemoved[] = "removed";
 
-template <typename T, T *(*Unref)(T *)>
-struct UdevUnref {
-    void operator()(T *object) const { Unref(object); }
-};
-using UdevPtr = std::unique_ptr<udev, UdevUnref<udev, udev_unref>>;
-using DevicePtr = std::unique_ptr<udev_device, UdevUnref<udev_device, udev_device_unref>>;
-using EnumeratePtr = std::unique_ptr<udev_enumerate, UdevUnref<udev_enumerate, udev_enumerate_unref>>;
-using MonitorPtr = std::unique_ptr<udev_monitor, UdevUnref<udev_monitor, udev_monitor_unref>>;
+using nimbos::SourcePtr;
+using nimbos::UdevPtr;
+using DevicePtr = nimbos::UdevDevicePtr;
+using EnumeratePtr = nimbos::UdevEnumeratePtr;
+using MonitorPtr = nimbos::UdevMonitorPtr;
 
-struct SourceRemover {
-    void operator()(GSource *source) const
-    {
-        g_source_destroy(source);
-        g_source_unref(source);
-    }
-};
-using SourcePtr = std::unique_ptr<GSource, SourceRemover>;
-
-std::string Text(const char *value)
-{
-    return value ? value : "";
-}
+constexpr auto Text = nimbos::UdevText;
 
 // A numeric sysfs attribute ("01", "0b0e", "4"); 0 when the device lacks it or it is no number.
 int NumericAttribute(udev_device *device, const char *name, int base)
@@ -246,18 +228,7 @@ gboolean OnMonitorReadable(gint, GIOCondition, gpointer)
 
 SourcePtr AttachToCallerContext(udev_monitor *monitor)
 {
-    SourcePtr source(g_unix_fd_source_new(udev_monitor_get_fd(monitor), G_IO_IN));
-    g_source_set_callback(source.get(), G_SOURCE_FUNC(OnMonitorReadable), nullptr, nullptr);
-    g_source_set_name(source.get(), "usb sound card monitor");
-    g_autoptr(GMainContext) context = g_main_context_ref_thread_default();
-    g_source_attach(source.get(), context);
-    return source;
-}
-
-bool IsOnCallerContext(GSource *source)
-{
-    g_autoptr(GMainContext) context = g_main_context_ref_thread_default();
-    return g_source_get_context(source) == context;
+    return nimbos::AttachMonitorToCallerContext(monitor, OnMonitorReadable, "usb sound card monitor");
 }
 
 MonitorPtr OpenMonitor(udev *context)
@@ -385,7 +356,7 @@ int usb_set_connected_cb(usb_connected_cb cb, void *user_data)
             watch = StartWatch(library.get());
             if (!watch)
                 return USB_DEVICE_ERROR_IO_ERROR;
-        } else if (!IsOnCallerContext(watch->source.get())) {
+        } else if (!nimbos::IsOnCallerContext(watch->source.get())) {
             watch->source = AttachToCallerContext(watch->monitor.get());
         }
         watch->callback = cb;

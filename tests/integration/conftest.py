@@ -238,6 +238,12 @@ def settings_cli(launcher):
 
 
 @pytest.fixture
+def hadrixctl(launcher):
+    """hadrixctl with the test's environment: hadrixctl('devices')."""
+    return Tool(launcher, 'hadrixctl')
+
+
+@pytest.fixture
 def probe(launcher):
     """hadrix-probe with the test's environment: probe('launch-app', key, value)."""
     return Tool(launcher, 'hadrix-probe')

@@ -32,6 +32,7 @@ TMPFILES = 'usr/lib/tmpfiles.d/hadrix.conf'
 INSTALLED = {
     'usr/libexec/hadrix': 0o755,
     'usr/bin/hadrix-settings': 0o755,
+    'usr/bin/hadrixctl': 0o755,
     UNIT: 0o644,
     POLICY: 0o644,
     **{path: 0o644 for path in ACTIVATION.values()},

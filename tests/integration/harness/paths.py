@@ -11,6 +11,7 @@ TEMPLATES = REPO / 'tests' / 'integration' / 'templates'
 PROGRAMS = {
     'hadrix': 'src/hadrix',
     'hadrix-settings': 'tools/hadrix-settings',
+    'hadrixctl': 'tools/hadrixctl',
     'hadrix-probe': 'tests/integration/hadrix-probe',
     'hadrix-klog-shim': 'tests/shims/libhadrix-klog-shim.so',
 }

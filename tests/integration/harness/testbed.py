@@ -65,6 +65,14 @@ class Headset:
     sysfs: Dict[str, str] = field(default_factory=dict)
 
 
+@dataclass
+class Joystick:
+    """Paths of a gamepad's input device: `sysfs` maps `input` (inputN) and `event` (its event
+    node's device) to their /sys paths, parents first, as for a Headset."""
+    input: str
+    sysfs: Dict[str, str] = field(default_factory=dict)
+
+
 class Testbed:
     __test__ = False  # not a pytest test class
 
@@ -178,9 +186,30 @@ A: number={card}
 ''')
         return '/sys' + card_path
 
+    def add_joystick(self, vendor, product, name, port='1-7', number=5):
+        """Adds the input device of a gamepad on USB port `port` (its HID interface, 3) as udev
+        describes it: `inputN` with an event node below, both marked ID_INPUT_JOYSTICK=1 and
+        carrying the USB ids (ID_VENDOR_ID, ID_MODEL_ID: four hexadecimal digits) and the model
+        name (ID_MODEL, with blanks as udev writes them: underscores). Sends an "add" uevent for
+        each, parents first. The sound card of the same gamepad is add_headset on that port."""
+        input_path = f'{_usb_device_path(port)}/{port}:1.3/input/input{number}'
+        event_path = f'{input_path}/event{number}'
+        self._make_dev_files([f'input/event{number}'])
+        marks = (f'E: ID_INPUT=1\nE: ID_INPUT_JOYSTICK=1\nE: ID_BUS=usb\n'
+                 f'E: ID_VENDOR_ID={vendor}\nE: ID_MODEL_ID={product}\n'
+                 f'E: ID_MODEL={name.replace(" ", "_")}\n')
+        minor = 64 + number
+        self._bed.add_from_string(
+            f'P: {input_path}\nE: SUBSYSTEM=input\nE: PRODUCT=3/{vendor}/{product}/100\n{marks}'
+            f'A: name={name}\n\n'
+            f'P: {event_path}\nE: DEVNAME=/dev/input/event{number}\nE: MAJOR=13\n'
+            f'E: MINOR={minor}\nE: SUBSYSTEM=input\n{marks}A: dev=13:{minor}\n')
+        sysfs = {'input': '/sys' + input_path, 'event': '/sys' + event_path}
+        return Joystick(input=sysfs['input'], sysfs=sysfs)
+
     def remove(self, headset):
-        """Unplugs a headset: a "remove" uevent for each device, children first, then the
-        device itself (its /sys directory and /dev node)."""
+        """Unplugs a headset or a Joystick: a "remove" uevent for each device, children first,
+        then the device itself (its /sys directory and /dev node)."""
         for path in reversed(list(headset.sysfs.values())):
             self._bed.uevent(path, 'remove')
             self._bed.remove_device(path)

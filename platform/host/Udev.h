@@ -1,0 +1,55 @@
+// libudev handles owned by unique_ptr, and the GLib source that reads a udev monitor on the
+// main context of the thread that asked for it: shared by the host libraries that watch devices.
+#pragma once
+
+#include <glib-unix.h>
+#include <glib.h>
+#include <libudev.h>
+
+#include <memory>
+#include <string>
+
+namespace nimbos {
+
+template <typename T, T *(*Unref)(T *)>
+struct UdevUnref {
+    void operator()(T *object) const { Unref(object); }
+};
+using UdevPtr = std::unique_ptr<udev, UdevUnref<udev, udev_unref>>;
+using UdevDevicePtr = std::unique_ptr<udev_device, UdevUnref<udev_device, udev_device_unref>>;
+using UdevEnumeratePtr = std::unique_ptr<udev_enumerate, UdevUnref<udev_enumerate, udev_enumerate_unref>>;
+using UdevMonitorPtr = std::unique_ptr<udev_monitor, UdevUnref<udev_monitor, udev_monitor_unref>>;
+
+struct SourceRemover {
+    void operator()(GSource *source) const
+    {
+        g_source_destroy(source);
+        g_source_unref(source);
+    }
+};
+using SourcePtr = std::unique_ptr<GSource, SourceRemover>;
+
+inline std::string UdevText(const char *value)
+{
+    return value ? value : "";
+}
+
+// A source calling onReadable whenever the monitor has events, attached to the caller's
+// thread-default main context.
+inline SourcePtr AttachMonitorToCallerContext(udev_monitor *monitor, GUnixFDSourceFunc onReadable, const char *name)
+{
+    SourcePtr source(g_unix_fd_source_new(udev_monitor_get_fd(monitor), G_IO_IN));
+    g_source_set_callback(source.get(), G_SOURCE_FUNC(onReadable), nullptr, nullptr);
+    g_source_set_name(source.get(), name);
+    g_autoptr(GMainContext) context = g_main_context_ref_thread_default();
+    g_source_attach(source.get(), context);
+    return source;
+}
+
+inline bool IsOnCallerContext(GSource *source)
+{
+    g_autoptr(GMainContext) context = g_main_context_ref_thread_default();
+    return g_source_get_context(source) == context;
+}
+
+} // namespace nimbos

@@ -1,0 +1,297 @@
+// Host gamepads over libudev: a gamepad is an input device of the "input" subsystem that udev
+// marks ID_INPUT_JOYSTICK=1, counted once, by its "inputN" device (its event and joystick nodes
+// below it carry the same marks). Its uid is formed from the USB ids udev reads
+// (ID_VENDOR_ID, ID_MODEL_ID); its name is ID_MODEL, or the kernel's name for the device.
+//
+// Connection events: a udev monitor of the "input" subsystem, read by a GLib source on the main
+// context of the thread that registered the callback. Every gamepad known to the callback's user
+// (present when watching began, or announced since) is kept with its description, so that a
+// disconnection still names the gamepad when its properties are gone.
+#include "nimbos/gamepad.h"
+
+#include "HostLog.h"
+#include "Udev.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using nimbos::SourcePtr;
+using nimbos::UdevDevicePtr;
+using nimbos::UdevEnumeratePtr;
+using nimbos::UdevMonitorPtr;
+using nimbos::UdevPtr;
+constexpr auto Text = nimbos::UdevText;
+
+constexpr int kOk = 1;
+constexpr int kNotOpen = -1;
+constexpr int kIoError = -5;
+constexpr int kOutOfMemory = -12;
+constexpr int kInvalidParameter = -22;
+
+constexpr int kGamepadSlots = 8;
+constexpr const char *kInputSubsystem = "input";
+constexpr const char *kInputSysnamePrefix = "input";
+
+using Gamepad = std::pair<std::string, _gamepad_device_info_s>; // devpath, description
+
+bool IsGamepad(udev_device *device)
+{
+    const char *sysname = udev_device_get_sysname(device);
+    const char *joystick = udev_device_get_property_value(device, "ID_INPUT_JOYSTICK");
+    return sysname && strncmp(sysname, kInputSysnamePrefix, strlen(kInputSysnamePrefix)) == 0 && joystick &&
+           strcmp(joystick, "1") == 0;
+}
+
+// A four-digit hexadecimal id property ("054c"); nothing when absent or malformed.
+std::optional<unsigned> IdProperty(udev_device *device, const char *name)
+{
+    const char *text = udev_device_get_property_value(device, name);
+    if (!text || !*text)
+        return std::nullopt;
+    errno = 0;
+    char *end = nullptr;
+    unsigned long value = strtoul(text, &end, 16);
+    if (*end != '\0' || errno == ERANGE || value > 0xffff) {
+        HOST_LOG(DLOG_WARN, "%s of %s is no USB id: \"%s\"", name, udev_device_get_syspath(device), text);
+        return std::nullopt;
+    }
+    return static_cast<unsigned>(value);
+}
+
+_gamepad_device_info_s Describe(udev_device *device)
+{
+    _gamepad_device_info_s info{};
+    const auto vendor = IdProperty(device, "ID_VENDOR_ID");
+    const auto product = IdProperty(device, "ID_MODEL_ID");
+    if (vendor && product)
+        g_snprintf(info.uid, sizeof info.uid, "VID_%04X PID_%04X", *vendor, *product);
+    else
+        HOST_LOG(DLOG_WARN, "gamepad %s has no USB ids; its uid is empty", udev_device_get_syspath(device));
+    std::string name = Text(udev_device_get_property_value(device, "ID_MODEL"));
+    if (name.empty())
+        name = Text(udev_device_get_sysattr_value(device, "name"));
+    g_strlcpy(info.name, name.c_str(), sizeof info.name);
+    return info;
+}
+
+// The gamepads present now, in sysfs order.
+int ListGamepads(udev *context, std::vector<Gamepad> &gamepads)
+{
+    UdevEnumeratePtr enumerate(udev_enumerate_new(context));
+    if (!enumerate || udev_enumerate_add_match_subsystem(enumerate.get(), kInputSubsystem) < 0 ||
+        udev_enumerate_add_match_property(enumerate.get(), "ID_INPUT_JOYSTICK", "1") < 0 ||
+        udev_enumerate_scan_devices(enumerate.get()) < 0) {
+        HOST_LOG(DLOG_ERROR, "cannot list the input devices: %s", strerror(errno));
+        return kIoError;
+    }
+    udev_list_entry *entry;
+    udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(enumerate.get()))
+    {
+        UdevDevicePtr device(udev_device_new_from_syspath(context, udev_list_entry_get_name(entry)));
+        if (device && IsGamepad(device.get()))
+            gamepads.emplace_back(Text(udev_device_get_devpath(device.get())), Describe(device.get()));
+    }
+    return kOk;
+}
+
+struct Watch {
+    UdevMonitorPtr monitor;
+    SourcePtr source; // declared after the monitor: removed before the monitor's fd closes
+    gamepad_connection_cb callback = nullptr;
+    void *userData = nullptr;
+    std::map<std::string, _gamepad_device_info_s> known; // by devpath
+};
+
+std::mutex libraryMutex;
+UdevPtr library;
+std::unique_ptr<Watch> watch;
+
+struct Delivery {
+    int event = 0;
+    _gamepad_device_info_s info{};
+    gamepad_connection_cb callback = nullptr;
+    void *userData = nullptr;
+};
+
+// What one input event means for the callback's user: the event code, if any.
+std::optional<int> Interpret(Watch &state, udev_device *device, _gamepad_device_info_s &info)
+{
+    const std::string action = Text(udev_device_get_action(device));
+    const std::string devpath = Text(udev_device_get_devpath(device));
+    if (action == "remove") {
+        auto found = state.known.find(devpath);
+        if (found == state.known.end())
+            return std::nullopt;
+        info = found->second;
+        state.known.erase(found);
+        HOST_LOG(DLOG_DEBUG, "gamepad disconnected: %s", devpath.c_str());
+        return GAMEPAD_EVENT_DISCONNECTED;
+    }
+    if ((action != "add" && action != "change") || state.known.count(devpath) || !IsGamepad(device))
+        return std::nullopt;
+    info = Describe(device);
+    state.known.emplace(devpath, info);
+    HOST_LOG(DLOG_DEBUG, "gamepad connected: %s (%s)", devpath.c_str(), info.uid);
+    return GAMEPAD_EVENT_CONNECTED;
+}
+
+enum class Next { Deliver, Drained, Stale };
+
+// The next event the callback must hear of. Stale when this source no longer serves the
+// current callback (unregistered or replaced meanwhile).
+Next NextDelivery(Delivery &delivery)
+{
+    std::lock_guard<std::mutex> lock(libraryMutex);
+    if (!watch || watch->source.get() != g_main_current_source())
+        return Next::Stale;
+    for (;;) {
+        UdevDevicePtr device(udev_monitor_receive_device(watch->monitor.get()));
+        if (!device)
+            return Next::Drained;
+        if (auto event = Interpret(*watch, device.get(), delivery.info)) {
+            delivery.event = *event;
+            delivery.callback = watch->callback;
+            delivery.userData = watch->userData;
+            return Next::Deliver;
+        }
+    }
+}
+
+// One event at a time, the callback called without the lock: it may unregister itself, which
+// the next round notices.
+gboolean OnMonitorReadable(gint, GIOCondition, gpointer)
+{
+    try {
+        for (;;) {
+            Delivery delivery;
+            switch (NextDelivery(delivery)) {
+            case Next::Deliver:
+                delivery.callback(delivery.event, delivery.info, delivery.userData);
+                break;
+            case Next::Drained:
+                return G_SOURCE_CONTINUE;
+            case Next::Stale:
+                return G_SOURCE_REMOVE;
+            }
+        }
+    } catch (const std::bad_alloc &) {
+        HOST_LOG(DLOG_ERROR, "out of memory; a gamepad event is lost");
+        return G_SOURCE_CONTINUE;
+    }
+}
+
+SourcePtr AttachToCallerContext(udev_monitor *monitor)
+{
+    return nimbos::AttachMonitorToCallerContext(monitor, OnMonitorReadable, "gamepad monitor");
+}
+
+UdevMonitorPtr OpenMonitor(udev *context)
+{
+    UdevMonitorPtr monitor(udev_monitor_new_from_netlink(context, "udev"));
+    if (!monitor || udev_monitor_filter_add_match_subsystem_devtype(monitor.get(), kInputSubsystem, nullptr) < 0 ||
+        udev_monitor_enable_receiving(monitor.get()) < 0) {
+        HOST_LOG(DLOG_ERROR, "cannot watch the input devices: %s", strerror(errno));
+        return UdevMonitorPtr();
+    }
+    return monitor;
+}
+
+// Listening starts before the gamepads present are read, so one arriving in between is
+// announced rather than missed.
+std::unique_ptr<Watch> StartWatch(udev *context)
+{
+    auto state = std::make_unique<Watch>();
+    state->monitor = OpenMonitor(context);
+    std::vector<Gamepad> present;
+    if (!state->monitor || ListGamepads(context, present) != kOk)
+        return nullptr;
+    for (auto &gamepad : present)
+        state->known.insert(std::move(gamepad));
+    state->source = AttachToCallerContext(state->monitor.get());
+    return state;
+}
+
+} // namespace
+
+int gamepad_open(void)
+{
+    std::lock_guard<std::mutex> lock(libraryMutex);
+    if (library)
+        return kOk;
+    library.reset(udev_new());
+    if (!library) {
+        HOST_LOG(DLOG_ERROR, "cannot open udev: %s", strerror(errno));
+        return kIoError;
+    }
+    return kOk;
+}
+
+int gamepad_register_connection_callback(gamepad_connection_cb cb, void *user_data)
+{
+    if (!cb)
+        return kInvalidParameter;
+    try {
+        std::lock_guard<std::mutex> lock(libraryMutex);
+        if (!library)
+            return kNotOpen;
+        if (!watch) {
+            watch = StartWatch(library.get());
+            if (!watch)
+                return kIoError;
+        } else if (!nimbos::IsOnCallerContext(watch->source.get())) {
+            watch->source = AttachToCallerContext(watch->monitor.get());
+        }
+        watch->callback = cb;
+        watch->userData = user_data;
+        return kOk;
+    } catch (const std::bad_alloc &) {
+        return kOutOfMemory;
+    }
+}
+
+int gamepad_unregister_connection_callback(void)
+{
+    std::lock_guard<std::mutex> lock(libraryMutex);
+    if (!library)
+        return kNotOpen;
+    watch.reset();
+    return kOk;
+}
+
+int gamepad_maximum_gampad_count(void)
+{
+    return kGamepadSlots;
+}
+
+int gamepad_get_connected_device_Info(_gamepad_device_info_s *info, int index)
+{
+    if (!info || index < 0 || index >= kGamepadSlots)
+        return kInvalidParameter;
+    try {
+        std::vector<Gamepad> present;
+        {
+            std::lock_guard<std::mutex> lock(libraryMutex);
+            if (!library)
+                return kNotOpen;
+            const int status = ListGamepads(library.get(), present);
+            if (status != kOk)
+                return status;
+        }
+        if (static_cast<size_t>(index) >= present.size())
+            return 0;
+        *info = present[static_cast<size_t>(index)].second;
+        return kOk;
+    } catch (const std::bad_alloc &) {
+        return kOutOfMemory;
+    }
+}
