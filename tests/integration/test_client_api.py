@@ -73,6 +73,10 @@ def tv(platform_services, kernel_log, testbed, system_bus, daemon, hadrix_root, 
             if headset_at_boot:
                 self.daemon.wait_for_log('switch to usb speaker as it is usb audio mode...',
                                          timeout=20)
+                # The line comes just before the headset is marked in use.
+                self.daemon.wait_until(
+                    lambda: any(r['selected'] for r in records(self.devices())),
+                    what='the headset in use in the client list')
             return self.daemon
 
         def restart(self):
