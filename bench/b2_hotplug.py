@@ -11,7 +11,7 @@ at once, so the figure leaves out the mixer writes a real card takes.
 import time
 
 from service_bench import arguments, median, ratio, raw, run, series, World
-from harness.devices import plug
+from simtv.devices import plug
 
 HEADSET = 'headset'
 HEADSET_PORT = '1-1'

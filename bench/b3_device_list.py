@@ -11,7 +11,7 @@ import time
 
 from service_bench import (AT_BOOT, SERVER_IFACE, SERVER_NAME, SERVER_PATH, USB_AUDIO_MODE,
                            arguments, bench_program, median, ratio, raw, run, series, World)
-from harness.devices import plug
+from simtv.devices import plug
 
 CLIENTS = 8
 RECORD_BYTES = 327

@@ -14,7 +14,7 @@ from pathlib import Path
 
 from service_bench import (AT_BOOT, REFERENCE_NAME, USB_AUDIO_MODE, arguments, median, ratio, raw,
                            run, World)
-from harness.devices import plug
+from simtv.devices import plug
 
 WATCHED = (('org.nimbos.hadrix', 'Start', None),)
 

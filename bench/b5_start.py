@@ -11,7 +11,7 @@ import time
 
 from service_bench import (REFERENCE_NAME, SERVER_NAME, arguments, median, ratio, raw, run, series,
                            World)
-from harness.wait import wait_until
+from simtv.wait import wait_until
 
 BUS_IFACE = 'org.freedesktop.DBus'
 WATCHED = ((BUS_IFACE, 'NameOwnerChanged', '/org/freedesktop/DBus'),)

@@ -1,5 +1,5 @@
 """What the benchmarks of the running service (B2–B5) share: the world of the integration tests
-(tests/integration/harness) put together once per benchmark run, the programs of bench/, and
+(sim/simtv) put together once per benchmark run, the programs of bench/, and
 how figures are printed.
 
 Run a benchmark with Debian's Python under the umockdev preload, as the integration tests:
@@ -16,18 +16,17 @@ import tempfile
 from pathlib import Path
 
 sys.dont_write_bytecode = True  # the source tree may be read-only
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / 'tests' / 'integration'))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / 'sim'))
 
-from conftest import Daemons, Mocks  # noqa: E402
-from harness import paths  # noqa: E402
-from harness.bus import SystemBus  # noqa: E402
-from harness.daemon import Launcher  # noqa: E402
-from harness.env import ChildEnv  # noqa: E402
-from harness.klog import KernelLog  # noqa: E402
-from harness.observer import SignalObserver  # noqa: E402
-from harness.platform import PlatformServices  # noqa: E402
-from harness.root import HadrixRoot  # noqa: E402
-from harness.testbed import Testbed  # noqa: E402
+from simtv import paths  # noqa: E402
+from simtv.bus import Mocks, SystemBus  # noqa: E402
+from simtv.daemon import Daemons, Launcher  # noqa: E402
+from simtv.env import ChildEnv  # noqa: E402
+from simtv.klog import KernelLog  # noqa: E402
+from simtv.observer import SignalObserver  # noqa: E402
+from simtv.platform import PlatformServices  # noqa: E402
+from simtv.root import HadrixRoot  # noqa: E402
+from simtv.testbed import Testbed  # noqa: E402
 
 SERVER_NAME = 'org.nimbos.hadrix.server'
 SERVER_PATH = '/org/nimbos/tv/hadrix/server'

@@ -7,22 +7,25 @@ or a faked clock) sets variables or adds preload libraries on it, and every prog
 through `launcher` (the daemon, the tools, the probe) gets the result.
 """
 import sys
+from pathlib import Path
 
 sys.dont_write_bytecode = True  # the source tree may be read-only
+# The simulated TV platform (sim/simtv) the programs run on.
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / 'sim'))
 
 import pytest  # noqa: E402
 
-from harness import paths  # noqa: E402
-from harness.bus import HADRIX_BUS_NAME, VOLUME_APP, MockService, SystemBus  # noqa: E402
-from harness.daemon import Launcher  # noqa: E402
-from harness.env import ChildEnv  # noqa: E402
-from harness.klog import KernelLog  # noqa: E402
-from harness.locales import MissingLocales, compile_locales  # noqa: E402
-from harness.notify import NotifySocket  # noqa: E402
-from harness.platform import PlatformServices  # noqa: E402
-from harness.observer import SignalObserver  # noqa: E402
-from harness.root import HadrixRoot  # noqa: E402
-from harness.testbed import Testbed  # noqa: E402
+from simtv import paths  # noqa: E402
+from simtv.bus import Mocks, SystemBus  # noqa: E402
+from simtv.daemon import Daemons, Launcher  # noqa: E402
+from simtv.env import ChildEnv  # noqa: E402
+from simtv.klog import KernelLog  # noqa: E402
+from simtv.locales import MissingLocales, compile_locales  # noqa: E402
+from simtv.notify import NotifySocket  # noqa: E402
+from simtv.platform import PlatformServices  # noqa: E402
+from simtv.observer import SignalObserver  # noqa: E402
+from simtv.root import HadrixRoot  # noqa: E402
+from simtv.testbed import Testbed  # noqa: E402
 
 _reporters = pytest.StashKey[list]()
 
@@ -135,55 +138,9 @@ def launcher(child_env, tmp_path, request):
         pytest.fail(f'crashed or reported by a sanitizer: {", ".join(problems)}', pytrace=False)
 
 
-class Daemons:
-    """Starts the service; every instance is killed at teardown if the test left it running."""
-
-    def __init__(self, launcher, bus):
-        self.launcher = launcher
-        self.bus = bus
-
-    def start(self, env=None, preload=(), args=(), ready=True, timeout=10.0):
-        """Starts hadrix. With `ready`, returns once the create callback has run and the
-        service owns its bus name."""
-        daemon = self.launcher.start(program('hadrix'), args, env, preload, label='hadrix')
-        if ready:
-            daemon.wait_for_log('service_app_create', timeout)
-            daemon.wait_until(lambda: self.bus.has_owner(HADRIX_BUS_NAME), timeout,
-                              what=f'{HADRIX_BUS_NAME} on the bus')
-        return daemon
-
-
 @pytest.fixture
 def daemon(launcher, system_bus):
     return Daemons(launcher, system_bus)
-
-
-class Mocks:
-    """python-dbusmock services of templates/ on the test's bus."""
-
-    def __init__(self, bus, child_env, work_dir):
-        self.bus = bus
-        self.child_env = child_env
-        self.work_dir = work_dir
-        self.started = []
-
-    def spawn(self, template, parameters=None, name=None):
-        mock = MockService(self.bus, self.child_env.for_peer(), self.work_dir, template,
-                           parameters, name)
-        self.started.append(mock)
-        return mock
-
-    def app(self, app_id=VOLUME_APP, **parameters):
-        """An application serving Launch under `app_id`."""
-        return self.spawn('app', dict(parameters, app_id=app_id), name=app_id)
-
-    def report(self):
-        return [(f'mock {mock.name} calls', mock.logfile.read_text())
-                for mock in self.started if mock.logfile.exists()]
-
-    def stop(self):
-        for mock in self.started:
-            mock.stop()
 
 
 @pytest.fixture

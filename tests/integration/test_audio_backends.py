@@ -5,8 +5,8 @@ import re
 
 import pytest
 
-from harness.log import parse
-from harness.observer import (HADRIX_SIGNAL_IFACE, HADRIX_SIGNAL_PATH, SPEAKER_MANAGER_IFACE,
+from simtv.log import parse
+from simtv.observer import (HADRIX_SIGNAL_IFACE, HADRIX_SIGNAL_PATH, SPEAKER_MANAGER_IFACE,
                               SPEAKER_MANAGER_PATH)
 
 FAKETIME_LIB = '/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1'

@@ -2,7 +2,7 @@
 platform's services (mocks), USB devices (umockdev) and the kernel log (the klogctl shim)."""
 import pytest
 
-from harness.devices import CATALOGUE, plug
+from simtv.devices import CATALOGUE, plug
 
 USB_HEADSET_ROUTE = 15
 USB_AUDIO_MODE = '/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode'

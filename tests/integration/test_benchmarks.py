@@ -9,7 +9,7 @@ import sys
 
 import pytest
 
-from harness import paths
+from simtv import paths
 
 BENCH = paths.REPO / 'bench'
 RATIO = re.compile(r'^(B\d+) (\S+) ratio=(\S+)$', re.M)

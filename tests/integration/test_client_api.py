@@ -7,8 +7,8 @@ import struct
 import dbus
 import pytest
 
-from harness.devices import plug
-from harness.observer import SignalObserver
+from simtv.devices import plug
+from simtv.observer import SignalObserver
 
 SERVER_NAME = 'org.nimbos.hadrix.server'
 SERVER_PATH = '/org/nimbos/tv/hadrix/server'

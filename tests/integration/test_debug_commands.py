@@ -2,8 +2,8 @@
 operation, seen here through the platform's mocked services, the bus and an emulated card."""
 import pytest
 
-from harness.alsa_card import EmulatedCard, Write, stereo_headset
-from harness.bus import HADRIX_BUS_NAME, launch
+from simtv.alsa_card import EmulatedCard, Write, stereo_headset
+from simtv.bus import HADRIX_BUS_NAME, launch
 
 VOLUME_LEVEL = 'db/hadrix/volume_level'
 USB_HEADSET_ROUTE = 15

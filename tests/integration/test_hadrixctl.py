@@ -5,7 +5,7 @@ import signal
 
 import pytest
 
-from harness.devices import plug
+from simtv.devices import plug
 
 SERVER_NAME = 'org.nimbos.hadrix.server'
 USB_AUDIO_MODE = '/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode'

@@ -1,6 +1,6 @@
 """Launching the TV viewer with extra data (CUsbServiceUtil::LaunchApp through hadrix-probe)."""
-from harness.bus import VOLUME_APP
-from harness.log import parse
+from simtv.bus import VOLUME_APP
+from simtv.log import parse
 
 
 def test_extra_data_reach_the_viewer_in_order(mocks, probe):

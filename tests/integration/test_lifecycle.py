@@ -4,8 +4,8 @@ import signal
 import dbus
 import pytest
 
-from harness.bus import HADRIX_BUS_NAME, launch
-from harness.log import RED
+from simtv.bus import HADRIX_BUS_NAME, launch
+from simtv.log import RED
 
 
 def first_index(daemon, text):

@@ -7,9 +7,9 @@ import errno
 
 import pytest
 
-from harness.alsa_card import (BOOLEAN, CARD, ENUMERATED, INTEGER, Control, EmulatedCard,
+from simtv.alsa_card import (BOOLEAN, CARD, ENUMERATED, INTEGER, Control, EmulatedCard,
                                Write, gaming_headset, headset_at_max, stereo_headset)
-from harness.log import parse
+from simtv.log import parse
 
 CARD_NUMBER = 1
 

@@ -15,7 +15,7 @@ from pathlib import Path
 import pytest
 from gi.repository import Gio, GLib
 
-from harness import paths
+from simtv import paths
 
 PREFIX = '/usr'
 DAEMON = f'{PREFIX}/libexec/hadrix'

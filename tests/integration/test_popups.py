@@ -11,10 +11,10 @@ import json
 
 import pytest
 
-from harness import paths
-from harness.alsa_card import BOOLEAN, INTEGER, Control, EmulatedCard
-from harness.devices import CATALOGUE, plug
-from harness.popups import GUIDE_LAYOUT, HIDE_TIMEOUT_MS, POPUP_AREA, Popups
+from simtv import paths
+from simtv.alsa_card import BOOLEAN, INTEGER, Control, EmulatedCard
+from simtv.devices import CATALOGUE, plug
+from simtv.popups import GUIDE_LAYOUT, HIDE_TIMEOUT_MS, POPUP_AREA, Popups
 
 SYSTEM_INFO = '/etc/nimbos/system-info.conf'
 KPI_FILE = '/var/log/hadrix/kpi.jsonl'

@@ -1,7 +1,7 @@
 """The settings store across processes: the service, hadrix-settings, and restarts."""
 import signal
 
-from harness.wait import wait_until
+from simtv.wait import wait_until
 
 LANGUAGE = 'db/menu_widget/language'
 VOLUME = 'db/hadrix/volume_level'

@@ -12,7 +12,7 @@ from dataclasses import dataclass
 
 import pytest
 
-from harness import paths
+from simtv import paths
 
 MARKER_CARD = 9
 

@@ -5,7 +5,7 @@ import json
 
 import pytest
 
-from harness.devices import CATALOGUE, plug
+from simtv.devices import CATALOGUE, plug
 
 USB_AUDIO_MODE = '/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode'
 DEPOT = '/home/owner/apps_rw/hadrix/data/devices.depot'

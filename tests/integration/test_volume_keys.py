@@ -5,7 +5,7 @@ import json
 
 import pytest
 
-from harness.devices import plug
+from simtv.devices import plug
 
 VOLUME_UP = 'XF86AudioRaiseVolume'
 VOLUME_DOWN = 'XF86AudioLowerVolume'

@@ -21,21 +21,21 @@ import time
 from pathlib import Path
 
 REPO = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(REPO / 'tests' / 'integration'))
+sys.path.insert(0, str(REPO / 'sim'))
 
-# The harness must be importable before these lines run.
-from harness import paths  # noqa: E402
-from harness.bus import MockService, SystemBus  # noqa: E402
-from harness.daemon import Launcher  # noqa: E402
-from harness.devices import CATALOGUE, plug  # noqa: E402
-from harness.env import ChildEnv  # noqa: E402
-from harness.klog import KernelLog  # noqa: E402
-from harness.locales import MissingLocales, compile_locales  # noqa: E402
-from harness.notify import NotifySocket  # noqa: E402
-from harness.observer import SignalObserver  # noqa: E402
-from harness.platform import PlatformServices  # noqa: E402
-from harness.root import HadrixRoot  # noqa: E402
-from harness.testbed import NotMocked, Testbed  # noqa: E402
+# The simulated platform must be importable before these lines run.
+from simtv import paths  # noqa: E402
+from simtv.bus import MockService, SystemBus  # noqa: E402
+from simtv.daemon import Launcher  # noqa: E402
+from simtv.devices import CATALOGUE, plug  # noqa: E402
+from simtv.env import ChildEnv  # noqa: E402
+from simtv.klog import KernelLog  # noqa: E402
+from simtv.locales import MissingLocales, compile_locales  # noqa: E402
+from simtv.notify import NotifySocket  # noqa: E402
+from simtv.observer import SignalObserver  # noqa: E402
+from simtv.platform import PlatformServices  # noqa: E402
+from simtv.root import HadrixRoot  # noqa: E402
+from simtv.testbed import NotMocked, Testbed  # noqa: E402
 
 SERVICE_BUS_NAME = 'org.nimbos.hadrix'
 REMOTE = 'rc device 0'

@@ -3,6 +3,8 @@ import os
 import signal
 import subprocess
 
+from . import paths
+from .bus import HADRIX_BUS_NAME
 from .log import LogBuffer
 from .wait import WaitTimeout, wait_until
 
@@ -173,3 +175,21 @@ class Launcher:
                    f'--- stdout\n{result.stdout}--- stderr\n{result.stderr}'
             sections.append((f'{os.path.basename(result.args[0])} run', text))
         return sections
+
+
+class Daemons:
+    """Starts the service; every instance is killed at teardown if the test left it running."""
+
+    def __init__(self, launcher, bus):
+        self.launcher = launcher
+        self.bus = bus
+
+    def start(self, env=None, preload=(), args=(), ready=True, timeout=10.0):
+        """Starts hadrix. With `ready`, returns once the create callback has run and the
+        service owns its bus name."""
+        daemon = self.launcher.start(paths.program('hadrix'), args, env, preload, label='hadrix')
+        if ready:
+            daemon.wait_for_log('service_app_create', timeout)
+            daemon.wait_until(lambda: self.bus.has_owner(HADRIX_BUS_NAME), timeout,
+                              what=f'{HADRIX_BUS_NAME} on the bus')
+        return daemon

@@ -1,4 +1,4 @@
-/* Test-only preload library: klogctl() serves the kernel log from the file named by
+/* Preload library of the simulated platform: klogctl() serves the kernel log from the file named by
  * HADRIX_FAKE_KLOG, read again on every call so a test can append lines while the daemon runs.
  * HADRIX_FAKE_KLOG_SIZE, when set, is the answer to the ring-buffer size query (-1: the query
  * fails). Without HADRIX_FAKE_KLOG every call goes to the real klogctl(). */

@@ -1,11 +1,11 @@
-"""Where the tree, the build and the programs under test are."""
+"""Where the tree, the build and the programs of the build are."""
 import os
 import shutil
 import tempfile
 from pathlib import Path
 
-REPO = Path(__file__).resolve().parents[3]
-TEMPLATES = REPO / 'tests' / 'integration' / 'templates'
+REPO = Path(__file__).resolve().parents[2]
+TEMPLATES = REPO / 'sim' / 'templates'
 
 # Programs of the build, by name, relative to the build directory.
 PROGRAMS = {
@@ -13,7 +13,7 @@ PROGRAMS = {
     'hadrix-settings': 'tools/hadrix-settings',
     'hadrixctl': 'tools/hadrixctl',
     'hadrix-probe': 'tests/integration/hadrix-probe',
-    'hadrix-klog-shim': 'tests/shims/libhadrix-klog-shim.so',
+    'hadrix-klog-shim': 'sim/shims/libhadrix-klog-shim.so',
 }
 
 # The application files of the build, laid out as under HADRIX_ROOT.
@@ -57,7 +57,7 @@ def app_files():
 
 
 def template(name):
-    """Path of a mock template module in tests/integration/templates."""
+    """Path of a mock template module in sim/templates."""
     path = TEMPLATES / f'{name}.py'
     if not path.is_file():
         raise FileNotFoundError(f'no mock template {path}')

@@ -185,3 +185,31 @@ def launch(connection, app_id, operation='default', extra=(), signature='sa(ss)'
                                       signature='(ss)')]
     return connection.call_blocking(app_id, APP_CONTROL_PATH, APP_CONTROL_IFACE, 'Launch',
                                     signature, args, timeout=timeout)
+
+
+class Mocks:
+    """python-dbusmock services of templates/ on the test's bus."""
+
+    def __init__(self, bus, child_env, work_dir):
+        self.bus = bus
+        self.child_env = child_env
+        self.work_dir = work_dir
+        self.started = []
+
+    def spawn(self, template, parameters=None, name=None):
+        mock = MockService(self.bus, self.child_env.for_peer(), self.work_dir, template,
+                           parameters, name)
+        self.started.append(mock)
+        return mock
+
+    def app(self, app_id=VOLUME_APP, **parameters):
+        """An application serving Launch under `app_id`."""
+        return self.spawn('app', dict(parameters, app_id=app_id), name=app_id)
+
+    def report(self):
+        return [(f'mock {mock.name} calls', mock.logfile.read_text())
+                for mock in self.started if mock.logfile.exists()]
+
+    def stop(self):
+        for mock in self.started:
+            mock.stop()

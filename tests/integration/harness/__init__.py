@@ -1,1 +1,0 @@
-"""Helpers of the integration tests: processes, logs, bus, mocks, files, waits."""
