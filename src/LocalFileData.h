@@ -24,6 +24,11 @@ public:
     // size 0 means strlen(data). The file is replaced whole: a reader never sees half of it.
     void WriteToFile(const std::string &path, const char *data, size_t size = 0);
     void AppendToFile(const std::string &path, const char *data, size_t size = 0);
+    // The same whole-file replacement at a path already resolved for this system (missing
+    // directories are made): a temporary file beside it, fsynced and renamed over it, so that a
+    // reader or a crash sees the old or the new content, never a part, and a symbolic link there
+    // is replaced rather than followed. False (errno set) when it failed; nothing is logged.
+    static bool ReplaceResolvedFile(const std::string &resolved, const char *data, size_t size);
 
     bool IsUSBServiceRunning();
     void SetUSBServiceRunning();

@@ -2,42 +2,19 @@
 restarts, the USB audio device list and the broadcast when the device situation changes; the real
 daemon on the test's bus, with USB devices (umockdev) and the kernel log (the klogctl shim)."""
 import os
-import struct
 
 import dbus
 import pytest
 
+from harness.client_api import SERVER_IFACE, SERVER_NAME, SERVER_PATH, SIGNAL_PATH, records
 from harness.devices import plug
 from harness.observer import SignalObserver
 
-SERVER_NAME = 'org.nimbos.hadrix.server'
-SERVER_PATH = '/org/nimbos/tv/hadrix/server'
-SERVER_IFACE = 'org.nimbos.hadrix.server.interface'
-SIGNAL_PATH = '/org/nimbos/hadrex'
 USB_AUDIO_MODE = '/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode'
 SUBSCRIBER_FILE = '/home/owner/apps_rw/hadrix/data/.subscriber'
 LEVEL_KEY = 'db/hadrix/volume_level'
-RECORD = struct.Struct('<B14s20si128s128s32s')
 LATER = 120.0
 AT_BOOT = 3.5
-
-
-def text(field):
-    return field.split(b'\0', 1)[0].decode()
-
-
-def records(data):
-    """The records of a GetDeviceListInfo reply, as dicts of their fields."""
-    assert len(data) % RECORD.size == 0, f'{len(data)} bytes is no whole number of records'
-    result = []
-    for offset in range(0, len(data), RECORD.size):
-        selected, kind, status, volume, product, maker, rest = RECORD.unpack_from(data, offset)
-        assert rest == bytes(32), 'the reserved bytes are not zero'
-        for field in (kind, status, product, maker):
-            assert b'\0' in field, 'a text field has no terminator'
-        result.append({'selected': selected, 'type': text(kind), 'status': text(status),
-                       'volume': volume, 'product': text(product), 'manufacturer': text(maker)})
-    return result
 
 
 @pytest.fixture
@@ -178,6 +155,9 @@ def test_device_list_is_empty_without_devices(tv):
 def test_device_list_shows_two_devices_with_the_one_in_use_first(tv):
     tv.root.set_setting(LEVEL_KEY, 23)
     tv.start(headset_at_boot=True)
+    # The switch is logged before it is made.
+    tv.daemon.wait_until(lambda: records(tv.devices())[0]['selected'] == 1,
+                         what='the headset taking the sound')
     first = records(tv.devices())
     assert first == [{'selected': 1, 'type': 'USB Headphone', 'status': 'connected',
                       'volume': 23, 'product': 'Evolve 20 (USB)', 'manufacturer': 'Jabra'}]
