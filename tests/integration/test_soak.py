@@ -18,8 +18,10 @@ from harness.observer import SignalObserver
 from harness.paths import REPO
 
 CYCLES = int(os.environ.get('HADRIX_SOAK_CYCLES', '1000'))
-# Long enough for the allocator, the bus connections and the thread stacks to settle.
-WARM_UP = max(1, min(100, CYCLES // 4))
+# Long enough for the allocator, the bus connections and the thread stacks to settle: measured,
+# the resident memory still rises by some 150 KiB over cycles 100 to 300, then stays within a
+# few dozen KiB.
+WARM_UP = max(1, min(300, CYCLES * 3 // 10))
 POLLERS = 8
 POLL_INTERVAL_MS = 10
 # The kernel's log ring on the TV: older lines scroll out, as they do there.
@@ -27,9 +29,11 @@ KERNEL_RING_BYTES = 128 * 1024
 # The service's own reaction to one plug or unplug, on a machine shared with other work.
 REACTION_TIMEOUT = 15.0
 # What "flat" allows between the end of the warm-up and the end: allocator noise (a few pages of
-# arenas and fragmentation), not growth with the number of cycles. A leak of 1 KiB per cycle
-# would add about 900 KiB over the measured cycles of a full run.
+# fragmentation), not growth with the number of cycles. A leak of 1 KiB per cycle would add
+# about 700 KiB over the measured cycles of a full run.
 RSS_TOLERANCE_KIB = 512
+# A worker thread's or a save's descriptor may be open at the moment of a sample.
+FD_TOLERANCE = 2
 USB_AUDIO_MODE = '/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode'
 AT_BOOT = 3.5
 DEPOT = '/home/owner/apps_rw/hadrix/data/devices.depot'
@@ -87,6 +91,9 @@ def test_thousand_plugs_under_polling_clients_leave_the_service_flat(
     child_env.set('HADRIX_FAKE_KLOG_SIZE', str(KERNEL_RING_BYTES))
     # The clients' thousands of calls would be most of the log; warnings and errors stay.
     child_env.set('HADRIX_LOG_LEVEL', 'warn')
+    # Each new worker thread may get an allocator arena of its own (up to eight per core), which
+    # steps the resident memory up by a hundred KiB or more at random moments: noise, not growth.
+    child_env.set('MALLOC_ARENA_MAX', '2')
     kernel_log.boot()
     platform_services(cards=[HEADSET.card])
     # The volume keys are grabbed and released with every headset.
@@ -136,4 +143,5 @@ def test_thousand_plugs_under_polling_clients_leave_the_service_flat(
     warm_rss, warm_fds = samples[WARM_UP]
     assert end[0] - warm_rss <= RSS_TOLERANCE_KIB, \
         f'RSS grew from {warm_rss} KiB after {WARM_UP} cycles to {end[0]} KiB: {samples}'
-    assert end[1] <= warm_fds, f'open descriptors grew from {warm_fds} to {end[1]}: {samples}'
+    assert end[1] <= warm_fds + FD_TOLERANCE, \
+        f'open descriptors grew from {warm_fds} to {end[1]}: {samples}'
