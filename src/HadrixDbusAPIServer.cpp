@@ -4,16 +4,15 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fcntl.h>
 #include <fstream>
 #include <memory>
 #include <sys/stat.h>
 #include <system_error>
 
 #include "HadrixDeviceListInfo.h"
+#include "LocalFileData.h"
 #include "Log.h"
 #include "USBDevice.h"
-#include "UniqueFd.h"
 #include "nimbos/paths.h"
 
 namespace {
@@ -105,35 +104,6 @@ void QuitLoopFromItsContext(GMainContext *context, GMainLoop *loop)
                           reinterpret_cast<GDestroyNotify>(g_main_loop_unref));
     g_source_attach(source, context);
     g_source_unref(source);
-}
-
-bool WriteAll(int fd, const std::string &text)
-{
-    size_t done = 0;
-    while (done < text.size()) {
-        ssize_t written = write(fd, text.data() + done, text.size() - done);
-        if (written < 0 && errno == EINTR)
-            continue;
-        if (written <= 0)
-            return false;
-        done += static_cast<size_t>(written);
-    }
-    return true;
-}
-
-bool CreateEmptyFile(const std::string &path)
-{
-    g_autofree gchar *directory = g_path_get_dirname(path.c_str());
-    if (g_mkdir_with_parents(directory, 0755) != 0) {
-        LOGE("cannot create %s: %s", directory, strerror(errno));
-        return false;
-    }
-    UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!fd.valid()) {
-        LOGE("cannot create %s: %s", path.c_str(), strerror(errno));
-        return false;
-    }
-    return true;
 }
 
 } // namespace
@@ -434,32 +404,30 @@ void CUSBAPIServer::m_SendEventToClient(void *)
     LOGI("m_SendEventToClient end");
 }
 
-// Only the result of the first look decides about a link: a file created here is not looked at
-// again, and O_NOFOLLOW keeps a link planted in between from being written through.
+// Only the result of the first look decides about a link. The table is written to a temporary
+// file renamed over the old one, so that a crash in the middle leaves the previous subscribers,
+// and a link planted after the look is replaced, not written through.
 void CUSBAPIServer::m_SaveConnection()
 {
     const std::string path = SubscriberFilePath();
     struct stat info;
-    if (lstat(path.c_str(), &info) != 0) {
-        if (!CreateEmptyFile(path))
-            return;
-        LOGI("create hadrix/data/.subscriber successfully");
-    } else if (S_ISLNK(info.st_mode)) {
+    const bool existed = lstat(path.c_str(), &info) == 0;
+    if (existed && S_ISLNK(info.st_mode)) {
         LOGE("symbolic link is detected");
         return;
     }
-    UniqueFd fd(open(path.c_str(), O_RDWR | O_TRUNC | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd.valid()) {
-        LOGE("cannot open %s: %s", path.c_str(), strerror(errno));
+    std::string text;
+    {
+        std::lock_guard<std::mutex> lock(m_ConnectionMutex);
+        for (const auto &entry : m_MapConnection)
+            text += entry.first + " " + entry.second + "\n";
+    }
+    if (!CLocalFileData::ReplaceResolvedFile(path, text.data(), text.size())) {
+        LOGE("cannot write %s: %s", path.c_str(), strerror(errno));
         return;
     }
-    std::lock_guard<std::mutex> lock(m_ConnectionMutex);
-    for (const auto &entry : m_MapConnection) {
-        if (!WriteAll(fd.get(), entry.first + " " + entry.second + "\n")) {
-            LOGE("cannot write %s: %s", path.c_str(), strerror(errno));
-            return;
-        }
-    }
+    if (!existed)
+        LOGI("create hadrix/data/.subscriber successfully");
 }
 
 void CUSBAPIServer::m_LoadConnection()

@@ -39,24 +39,24 @@ bool WriteAll(int fd, const char *data, size_t size)
     return true;
 }
 
-// Writes a temporary file beside the target and renames it over the target: readers see the
-// old or the new content, never a part, and a symbolic link at the target is replaced rather
-// than followed.
-bool ReplaceFile(const std::string &path, const char *data, size_t size)
+} // namespace
+
+bool CLocalFileData::ReplaceResolvedFile(const std::string &resolved, const char *data, size_t size)
 {
-    std::string temp = path + ".XXXXXX";
+    MakeParentDirs(resolved);
+    std::string temp = resolved + ".XXXXXX";
     UniqueFd fd(mkostemp(&temp[0], O_CLOEXEC));
     if (fd.get() < 0)
         return false;
     bool written = fchmod(fd.get(), kFileMode) == 0 && WriteAll(fd.get(), data, size) && fsync(fd.get()) == 0;
-    if (fd.Close() != 0 || !written || rename(temp.c_str(), path.c_str()) != 0) {
+    if (fd.Close() != 0 || !written || rename(temp.c_str(), resolved.c_str()) != 0) {
+        int error = errno;
         unlink(temp.c_str());
+        errno = error;
         return false;
     }
     return true;
 }
-
-} // namespace
 
 CLocalFileData::CLocalFileData()
 {
@@ -133,9 +133,7 @@ void CLocalFileData::WriteToFile(const std::string &path, const char *data, size
     if (size == 0)
         size = strlen(data);
     LOGD("write to file %s  size %zu", path.c_str(), size);
-    std::string resolved = nimbos::Path(path);
-    MakeParentDirs(resolved);
-    if (!ReplaceFile(resolved, data, size))
+    if (!ReplaceResolvedFile(nimbos::Path(path), data, size))
         LOGE("open file error");
 }
 
@@ -157,6 +155,7 @@ void CLocalFileData::AppendToFile(const std::string &path, const char *data, siz
 
 bool CLocalFileData::RenameFile(const std::string &from, const std::string &to)
 {
+    LOGD("rename file %s to %s", from.c_str(), to.c_str());
     if (rename(nimbos::Path(from).c_str(), nimbos::Path(to).c_str()) != 0) {
         LOGE("rename %s to %s fail: %s", from.c_str(), to.c_str(), strerror(errno));
         return false;

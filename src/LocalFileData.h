@@ -27,6 +27,11 @@ public:
     // Gives a file another name, replacing what had it (a symbolic link there is replaced, not
     // followed). False, logged, when the file cannot be renamed.
     bool RenameFile(const std::string &from, const std::string &to);
+    // The same whole-file replacement at a path already resolved for this system (missing
+    // directories are made): a temporary file beside it, fsynced and renamed over it, so that a
+    // reader or a crash sees the old or the new content, never a part, and a symbolic link there
+    // is replaced rather than followed. False (errno set) when it failed; nothing is logged.
+    static bool ReplaceResolvedFile(const std::string &resolved, const char *data, size_t size);
 
     bool IsUSBServiceRunning();
     void SetUSBServiceRunning();

@@ -76,6 +76,14 @@ class Process:
         self.out.join()
         return self.proc.returncode
 
+    def rss_kib(self):
+        """The resident memory of the process now (VmRSS of /proc/<pid>/status), in KiB."""
+        with open(f'/proc/{self.pid}/status') as status:
+            for line in status:
+                if line.startswith('VmRSS:'):
+                    return int(line.split()[1])
+        raise AssertionError(f'{self.label} has no VmRSS (exited with {self.returncode})')
+
     def send_signal(self, signum):
         if self.running():
             self.signals_sent.add(signum)

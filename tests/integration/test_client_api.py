@@ -2,42 +2,19 @@
 restarts, the USB audio device list and the broadcast when the device situation changes; the real
 daemon on the test's bus, with USB devices (umockdev) and the kernel log (the klogctl shim)."""
 import os
-import struct
 
 import dbus
 import pytest
 
+from simtv.client_api import SERVER_IFACE, SERVER_NAME, SERVER_PATH, SIGNAL_PATH, records
 from simtv.devices import plug
 from simtv.observer import SignalObserver
 
-SERVER_NAME = 'org.nimbos.hadrix.server'
-SERVER_PATH = '/org/nimbos/tv/hadrix/server'
-SERVER_IFACE = 'org.nimbos.hadrix.server.interface'
-SIGNAL_PATH = '/org/nimbos/hadrex'
 USB_AUDIO_MODE = '/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode'
 SUBSCRIBER_FILE = '/home/owner/apps_rw/hadrix/data/.subscriber'
 LEVEL_KEY = 'db/hadrix/volume_level'
-RECORD = struct.Struct('<B14s20si128s128s32s')
 LATER = 120.0
 AT_BOOT = 3.5
-
-
-def text(field):
-    return field.split(b'\0', 1)[0].decode()
-
-
-def records(data):
-    """The records of a GetDeviceListInfo reply, as dicts of their fields."""
-    assert len(data) % RECORD.size == 0, f'{len(data)} bytes is no whole number of records'
-    result = []
-    for offset in range(0, len(data), RECORD.size):
-        selected, kind, status, volume, product, maker, rest = RECORD.unpack_from(data, offset)
-        assert rest == bytes(32), 'the reserved bytes are not zero'
-        for field in (kind, status, product, maker):
-            assert b'\0' in field, 'a text field has no terminator'
-        result.append({'selected': selected, 'type': text(kind), 'status': text(status),
-                       'volume': volume, 'product': text(product), 'manufacturer': text(maker)})
-    return result
 
 
 @pytest.fixture
