@@ -7,7 +7,10 @@
 #include <libudev.h>
 
 #include <memory>
+#include <new>
 #include <string>
+
+#include "HostLog.h"
 
 namespace nimbos {
 
@@ -44,6 +47,35 @@ inline SourcePtr AttachMonitorToCallerContext(udev_monitor *monitor, GUnixFDSour
     g_autoptr(GMainContext) context = g_main_context_ref_thread_default();
     g_source_attach(source.get(), context);
     return source;
+}
+
+// What the monitor source's next round finds: an event for the callback, no more events, or a
+// callback this source no longer serves (unset, replaced or closed meanwhile).
+enum class Next { Deliver, Drained, Stale };
+
+// The body of a monitor source's callback: one event at a time from next(delivery), each handed
+// to deliver(delivery) without the library's lock held, since the callback may unset itself or
+// close the library, which the next round notices. Returns whether the source stays.
+template <typename Delivery, typename NextFn, typename DeliverFn>
+gboolean DeliverMonitorEvents(NextFn next, DeliverFn deliver, const char *lostWhat)
+{
+    try {
+        for (;;) {
+            Delivery delivery;
+            switch (next(delivery)) {
+            case Next::Deliver:
+                deliver(delivery);
+                break;
+            case Next::Drained:
+                return G_SOURCE_CONTINUE;
+            case Next::Stale:
+                return G_SOURCE_REMOVE;
+            }
+        }
+    } catch (const std::bad_alloc &) {
+        HOST_LOG(DLOG_ERROR, "out of memory; %s event is lost", lostWhat);
+        return G_SOURCE_CONTINUE;
+    }
 }
 
 inline bool IsOnCallerContext(GSource *source)

@@ -25,6 +25,7 @@
 
 namespace {
 
+using nimbos::Next;
 using nimbos::SourcePtr;
 using nimbos::UdevDevicePtr;
 using nimbos::UdevEnumeratePtr;
@@ -145,8 +146,6 @@ std::optional<int> Interpret(Watch &state, udev_device *device, _gamepad_device_
     return GAMEPAD_EVENT_CONNECTED;
 }
 
-enum class Next { Deliver, Drained, Stale };
-
 // The next event the callback must hear of. Stale when this source no longer serves the
 // current callback (unregistered or replaced meanwhile).
 Next NextDelivery(Delivery &delivery)
@@ -167,27 +166,11 @@ Next NextDelivery(Delivery &delivery)
     }
 }
 
-// One event at a time, the callback called without the lock: it may unregister itself, which
-// the next round notices.
 gboolean OnMonitorReadable(gint, GIOCondition, gpointer)
 {
-    try {
-        for (;;) {
-            Delivery delivery;
-            switch (NextDelivery(delivery)) {
-            case Next::Deliver:
-                delivery.callback(delivery.event, delivery.info, delivery.userData);
-                break;
-            case Next::Drained:
-                return G_SOURCE_CONTINUE;
-            case Next::Stale:
-                return G_SOURCE_REMOVE;
-            }
-        }
-    } catch (const std::bad_alloc &) {
-        HOST_LOG(DLOG_ERROR, "out of memory; a gamepad event is lost");
-        return G_SOURCE_CONTINUE;
-    }
+    return nimbos::DeliverMonitorEvents<Delivery>(NextDelivery, [](Delivery &delivery) {
+        delivery.callback(delivery.event, delivery.info, delivery.userData);
+    }, "a gamepad");
 }
 
 SourcePtr AttachToCallerContext(udev_monitor *monitor)

@@ -51,6 +51,7 @@ constexpr const char *kInitializedProperty = "SOUND_INITIALIZED";
 char kAdded[] = "added";
 char kRemoved[] = "removed";
 
+using nimbos::Next;
 using nimbos::SourcePtr;
 using nimbos::UdevPtr;
 using DevicePtr = nimbos::UdevDevicePtr;
@@ -182,8 +183,6 @@ struct Delivery {
     void *userData = nullptr;
 };
 
-enum class Next { Deliver, Drained, Stale };
-
 // The next event the callback must hear of. Stale when this source no longer serves the
 // current callback (unset, replaced or closed meanwhile).
 Next NextDelivery(Delivery &delivery)
@@ -202,28 +201,11 @@ Next NextDelivery(Delivery &delivery)
     }
 }
 
-// One event at a time, the callback called without the lock: it may unset itself or close the
-// library, which the next round notices.
 gboolean OnMonitorReadable(gint, GIOCondition, gpointer)
 {
-    try {
-        for (;;) {
-            Delivery delivery;
-            switch (NextDelivery(delivery)) {
-            case Next::Deliver:
-                delivery.callback(delivery.notification.device.release(), delivery.notification.action,
-                                  delivery.userData);
-                break;
-            case Next::Drained:
-                return G_SOURCE_CONTINUE;
-            case Next::Stale:
-                return G_SOURCE_REMOVE;
-            }
-        }
-    } catch (const std::bad_alloc &) {
-        HOST_LOG(DLOG_ERROR, "out of memory; a usb sound card event is lost");
-        return G_SOURCE_CONTINUE;
-    }
+    return nimbos::DeliverMonitorEvents<Delivery>(NextDelivery, [](Delivery &delivery) {
+        delivery.callback(delivery.notification.device.release(), delivery.notification.action, delivery.userData);
+    }, "a usb sound card");
 }
 
 SourcePtr AttachToCallerContext(udev_monitor *monitor)
