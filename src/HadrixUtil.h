@@ -25,6 +25,12 @@ enum VconfKeyIndex {
 
 using ExtraData = std::vector<std::pair<std::string, std::string>>;
 
+// A text from a platform call that may give none.
+inline const char *TextOrEmpty(const char *text)
+{
+    return text ? text : "";
+}
+
 class CUsbServiceUtil {
 public:
     // The key name at a table index, or "" for an index outside the table.

@@ -39,20 +39,15 @@ struct DeviceListDeleter {
 };
 using DeviceListPtr = std::unique_ptr<usb_device_list_s, DeviceListDeleter>;
 
-std::string Text(const char *text)
-{
-    return text ? text : "";
-}
-
 // The record of a device as the enumeration library describes it; status idle, stamped now.
 USBDeviceInfo MakeRecord(usb_device_s *dev, int card)
 {
     USBDeviceInfo info;
-    info.strProductName = Text(usb_device_get_product(dev));
+    info.strProductName = TextOrEmpty(usb_device_get_product(dev));
     info.nVendorId = usb_device_get_vendor_id(dev);
     info.nProductId = usb_device_get_product_id(dev);
-    info.strDevPath = Text(usb_device_get_devpath(dev));
-    info.strManufature = Text(usb_device_get_manufacturer(dev));
+    info.strDevPath = TextOrEmpty(usb_device_get_devpath(dev));
+    info.strManufature = TextOrEmpty(usb_device_get_manufacturer(dev));
     info.nCardNum = card;
     info.timeStamp = CUsbServiceUtil::GetUptime();
     return info;
@@ -238,7 +233,7 @@ bool CUSBDevice::m_TakeEnumeratedDevice(usb_device_s *dev)
 {
     if (usb_device_get_class(dev) != USB_DEVICE_CLASS_AUDIO)
         return false;
-    const std::string devPath = Text(usb_device_get_devpath(dev));
+    const std::string devPath = TextOrEmpty(usb_device_get_devpath(dev));
     LOGD("devPath : %s, productId : %d, device NO.%d", devPath.c_str(), usb_device_get_product_id(dev),
          usb_device_get_number(dev));
     int card = 0;
@@ -354,7 +349,7 @@ bool CUSBDevice::WaitDetect(bool &leaveAtOnce)
 
 void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
 {
-    const std::string devPath = Text(usb_device_get_devpath(dev));
+    const std::string devPath = TextOrEmpty(usb_device_get_devpath(dev));
     LOGI("devPath : %s  speakerchange : %d", devPath.c_str(), speakerChange);
     if (m_IsDeviceExist(devPath)) {
         LOGI("device have been exist");
@@ -363,7 +358,7 @@ void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
     if (m_CheckGamepad(dev)) {
         LOGI("gamepad");
         CSingleton<CKPILog>::GetInstance()->SendWarnings(KPI_WARNING_UNSUPPORTED_DEVICE,
-                                                         Text(usb_device_get_product(dev)));
+                                                         TextOrEmpty(usb_device_get_product(dev)));
         return;
     }
     int card = 0;
@@ -458,9 +453,9 @@ void CUSBDevice::m_ShowNewDevicePopup(USBDeviceInfo &info)
 
 void CUSBDevice::RemoveDevice(usb_device_s *dev)
 {
-    const std::string devPath = Text(usb_device_get_devpath(dev));
+    const std::string devPath = TextOrEmpty(usb_device_get_devpath(dev));
     LOGI("devPath : %s", devPath.c_str());
-    if (CUsbServiceUtil::IsAstroProduct(Text(usb_device_get_product(dev)), usb_device_get_vendor_id(dev),
+    if (CUsbServiceUtil::IsAstroProduct(TextOrEmpty(usb_device_get_product(dev)), usb_device_get_vendor_id(dev),
                                         usb_device_get_product_id(dev)))
         m_VecUnsupportedDevice.erase(
             std::remove_if(m_VecUnsupportedDevice.begin(), m_VecUnsupportedDevice.end(),

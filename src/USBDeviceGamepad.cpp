@@ -10,6 +10,7 @@
 
 #include <libudev.h>
 
+#include "HadrixUtil.h"
 #include "Log.h"
 #include "USBDevice.h"
 
@@ -24,11 +25,6 @@ using UdevDevicePtr = std::unique_ptr<udev_device, UdevUnref<udev_device, udev_d
 using UdevEnumeratePtr = std::unique_ptr<udev_enumerate, UdevUnref<udev_enumerate, udev_enumerate_unref>>;
 
 constexpr int kGamepadLibraryOk = 1;
-
-std::string Text(const char *text)
-{
-    return text ? text : "";
-}
 
 // A USB id as udev writes it ("054c").
 bool ParseHexId(const char *text, int &id)
@@ -115,8 +111,8 @@ void CUSBDevice::m_UpdateGamepadList(int event, const _gamepad_device_info_s &in
 bool CUSBDevice::m_CheckGamepad(usb_device_s *device)
 {
     LOGD("m_CheckGamepadDevice");
-    const std::string manufacturer = Text(usb_device_get_manufacturer(device));
-    const std::string product = Text(usb_device_get_product(device));
+    const std::string manufacturer = TextOrEmpty(usb_device_get_manufacturer(device));
+    const std::string product = TextOrEmpty(usb_device_get_product(device));
     const int vendorId = usb_device_get_vendor_id(device);
     const int productId = usb_device_get_product_id(device);
     LOGI("manufacturer:[%s],product:[%s], vendorId: [%d], productId: [%d]", manufacturer.c_str(), product.c_str(),

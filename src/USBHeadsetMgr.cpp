@@ -38,11 +38,6 @@ bool IsStandby(unsigned int state)
     return state == kStandbyPowerState || state == kDeepStandbyPowerState;
 }
 
-const char *Text(const char *text)
-{
-    return text ? text : "";
-}
-
 } // namespace
 
 CUSBHeadsetMgr::CUSBHeadsetMgr()
@@ -111,7 +106,7 @@ void CUSBHeadsetMgr::m_DeviceInit()
 
 void CUSBHeadsetMgr::m_OnDetectUsbCB(usb_device_s *device, char *action, void *user_data)
 {
-    LOGI("[START] detect usb audio device %p,%s", static_cast<void *>(device), Text(action));
+    LOGI("[START] detect usb audio device %p,%s", static_cast<void *>(device), TextOrEmpty(action));
     if (!device || !action)
         return;
     UsbDevicePtr handle(device);
@@ -135,12 +130,12 @@ void CUSBHeadsetMgr::m_OnDetectUsbCB(usb_device_s *device, char *action, void *u
         return;
     }
 
-    const std::string devPath = Text(usb_device_get_devpath(device));
-    const std::string product = Text(usb_device_get_product(device));
+    const std::string devPath = TextOrEmpty(usb_device_get_devpath(device));
+    const std::string product = TextOrEmpty(usb_device_get_product(device));
     const int vendorId = usb_device_get_vendor_id(device);
     const int productId = usb_device_get_product_id(device);
     LOGI("devpath: %s, name:%s, product:%s, vender id:%d, product id:%d, device No.%d", devPath.c_str(),
-         Text(usb_device_get_devname(device)), product.c_str(), vendorId, productId, usb_device_get_number(device));
+         TextOrEmpty(usb_device_get_devname(device)), product.c_str(), vendorId, productId, usb_device_get_number(device));
 
     int card = 0;
     if (!CUsbServiceUtil::GetCardNum(devPath, &card)) {
