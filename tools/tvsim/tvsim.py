@@ -866,6 +866,7 @@ def run(tv):
     tv.timeline.say('tv', 'the service looks for USB audio devices present at start-up '
                           '(ten seconds when there is none)')
     tv.settle_until('No devices found.', 15)
+    tv.settle(1.2)  # the gamepad library is asked a second later
     print(f'\nThe service runs. To reach it from another shell:\n'
           f'  {tv.reach_me()}\n'
           f'  {paths.program("hadrixctl")} devices\n\n'
