@@ -719,7 +719,8 @@ def number(word, usage, low, high, kind=int):
     return value
 
 
-def words(args, count, usage, optional=0):
+def expect_args(args, count, usage, optional=0):
+    """The arguments, when there are `count` of them (up to `optional` more)."""
     if not count <= len(args) <= count + optional:
         raise Usage(usage)
     return args
@@ -727,14 +728,14 @@ def words(args, count, usage, optional=0):
 
 def _plug(tv, args, unplug=False):
     usage = f'{"unplug" if unplug else "plug"} NAME, NAME one of: {", ".join(CATALOGUE)}'
-    (name,) = words(args, 1, usage)
+    (name,) = expect_args(args, 1, usage)
     one_of(name, CATALOGUE, usage)
     (tv.unplug_and_watch if unplug else tv.plug_and_watch)(name)
 
 
 def _key(tv, args):
     usage = 'key up|down|mute [HOLD]: HOLD repeats, 1 to 50'
-    words(args, 1, usage, optional=1)
+    expect_args(args, 1, usage, optional=1)
     name = one_of(args[0], KEYS, usage)
     tv.key(name, number(args[1], usage, 1, 50) if len(args) > 1 else 0)
 
@@ -742,26 +743,26 @@ def _key(tv, args):
 def _switch(setter, name):
     def action(tv, args):
         usage = f'{name} on|off'
-        (word,) = words(args, 1, usage)
+        (word,) = expect_args(args, 1, usage)
         setter(tv, one_of(word, ('on', 'off'), usage) == 'on')
     return action
 
 
 def _mirror(tv, args):
     usage = 'mirror level 0..100 | mirror mute 0|1'
-    what, value = words(args, 2, usage)
+    what, value = expect_args(args, 2, usage)
     one_of(what, MIRRORING, usage)
     tv.mirror(what, number(value, usage, 0, 100 if what == 'level' else 1))
 
 
 def _route(tv, args):
     usage = f'route N: {TV_SPEAKER_ROUTE} TV speakers, {USB_HEADSET_ROUTE} USB headset'
-    (route,) = words(args, 1, usage)
+    (route,) = expect_args(args, 1, usage)
     tv.route(number(route, usage, 0, 63))
 
 
 def _language(tv, args):
-    (name,) = words(args, 1, f'language NAME, NAME one of: {", ".join(LANGUAGES)}')
+    (name,) = expect_args(args, 1, f'language NAME, NAME one of: {", ".join(LANGUAGES)}')
     tv.language(name)
 
 
@@ -777,13 +778,13 @@ def _ctl(tv, args):
 
 def _wait(tv, args):
     usage = 'wait SECONDS (up to 600)'
-    (seconds,) = words(args, 1, usage)
+    (seconds,) = expect_args(args, 1, usage)
     tv.settle(number(seconds, usage, 0, 600, float))
 
 
 def _no_args(method, name):
     def action(tv, args):
-        words(args, 0, name)
+        expect_args(args, 0, name)
         method(tv)
     return action
 
@@ -823,10 +824,10 @@ def commands_help():
 
 def execute(tv, line):
     """Runs one command line; returns False for quit."""
-    words_ = line.split()
-    if not words_:
+    parts = line.split()
+    if not parts:
         return True
-    name, args = words_[0], words_[1:]
+    name, args = parts[0], parts[1:]
     command = COMMANDS.get(name)
     if command is None:
         print(f'? unknown command {name!r}; "help" lists the commands', flush=True)
