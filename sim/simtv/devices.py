@@ -2,7 +2,8 @@
 
 Each entry gives the device's ids, strings, USB port and sound-card number; `plug` adds it to a
 testbed (with the kernel-log lines its enumeration causes, when a KernelLog is given) and
-returns the testbed's Headset.
+returns the testbed's Headset. A gamepad with an audio function also brings its input device,
+which `testbed.remove` takes away with the card.
 """
 from dataclasses import dataclass
 
@@ -16,6 +17,8 @@ class Device:
     port: str
     card: int
     interface_class: int = 1  # USB audio
+    # A gamepad's sound card: the name of the gamepad's own input device (a joystick).
+    joystick: str = ''
 
     def numbers(self):
         return int(self.vid, 16), int(self.pid, 16)
@@ -34,6 +37,9 @@ CATALOGUE = {
     # Two devices on the ports of one hub.
     'twin-a': Device('USB Speaker', 'Creative', '041e', '3272', '2-1.1', 7),
     'twin-b': Device('USB Audio Device', 'C-Media', '0d8c', '0014', '2-1.2', 8),
+    # A gamepad with a headphone jack: a USB sound card beside its joystick.
+    'gamepad': Device('8BitDo Pro 2 Audio', '8BitDo', '2dc8', '3106', '1-7', 9,
+                      joystick='8BitDo Pro 2'),
 }
 
 
@@ -44,7 +50,15 @@ def plug(testbed, name, kernel_log=None, at=None, initialized=True):
     device = CATALOGUE[name]
     if kernel_log is not None:
         kernel_log.detect(device.port, at, device.vid, device.pid, device.product)
-    return testbed.add_headset(card=device.card, vid=device.vid, pid=device.pid,
-                               product=device.product, manufacturer=device.manufacturer,
-                               port=device.port, devnum=2 + device.card,
-                               interface_class=device.interface_class, initialized=initialized)
+    # The joystick first: the service may look for it as soon as it hears of the card.
+    joystick = testbed.add_joystick(device.vid, device.pid, device.joystick, port=device.port,
+                                    number=device.card) if device.joystick else None
+    headset = testbed.add_headset(card=device.card, vid=device.vid, pid=device.pid,
+                                  product=device.product, manufacturer=device.manufacturer,
+                                  port=device.port, devnum=2 + device.card,
+                                  interface_class=device.interface_class, initialized=initialized)
+    if joystick:
+        # After the card's devices, so that removal (children first) takes the input device
+        # away before the USB device it sits below.
+        headset.sysfs.update(joystick.sysfs)
+    return headset
