@@ -6,8 +6,7 @@ import re
 import pytest
 
 from simtv.log import parse
-from simtv.observer import (HADRIX_SIGNAL_IFACE, HADRIX_SIGNAL_PATH, SPEAKER_MANAGER_IFACE,
-                              SPEAKER_MANAGER_PATH)
+from simtv.observer import HADRIX_SIGNAL_IFACE, HADRIX_SIGNAL_PATH
 
 FAKETIME_LIB = '/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1'
 QUERY = 'GetConnectedUsbHeadset'
@@ -128,15 +127,6 @@ def test_second_request_makes_the_waiting_one_give_up(mocks, probe, bus_signals)
     assert_broadcast(second, 'Start', (2,))
 
 
-def test_speaker_manager_hears_the_usb_device_is_gone(probe, bus_signals):
-    result = probe('spk-disconnected')
-
-    assert result.returncode == 0, result.stderr
-    [signal] = bus_signals.wait_for('SpkDisconnected')
-    assert signal.args == (15, 'HADRIX_DEVICE')
-    assert (signal.path, signal.interface) == (SPEAKER_MANAGER_PATH, SPEAKER_MANAGER_IFACE)
-
-
 @pytest.mark.parametrize('command', [('pulse-stop', '3'), ('spk-disconnected',)],
                          ids=['stop', 'spk-disconnected'])
 def test_no_bus_fails_the_signal_without_waiting(command, probe, tmp_path):
@@ -170,25 +160,6 @@ def test_card_list_diagnostic_without_server_only_logs(probe):
 
 # --- sound manager and audio control adapters --------------------------------------------------
 
-def test_sound_manager_adapter_passes_routes_and_fixed_gain_type(mocks, probe):
-    sound = mocks.spawn('sound_manager', {'route': 15})
-
-    result = probe('sound-manager', 'get')
-    assert (result.returncode, result.stdout) == (0, '15\n')
-    assert probe('sound-manager', 'set', '9').returncode == 0
-    assert probe('sound-manager', 'get').stdout == '9\n'
-    mute_gain = probe('sound-manager', 'mute-gain', '100')
-    fade_in = probe('sound-manager', 'fade-in')
-
-    assert (mute_gain.returncode, fade_in.returncode) == (0, 0)
-    # Both log their result, success included.
-    assert 'sound_manager_set_mute_gain return : 0' in messages(mute_gain)
-    assert 'sound_manager_apply_unmute_fade_in return : 0' in messages(fade_in)
-    assert sound.calls('SetSpeakerSelection') == [('SetSpeakerSelection', [9])]
-    assert sound.calls('SetMuteGain') == [('SetMuteGain', [3, 100])]
-    assert sound.calls('ApplyUnmuteFadeIn') == [('ApplyUnmuteFadeIn', [3])]
-
-
 def test_failing_sound_manager_yields_route_7_and_failures(mocks, probe):
     mocks.spawn('sound_manager', {'failing': True})
 
@@ -204,19 +175,6 @@ def test_failing_sound_manager_yields_route_7_and_failures(mocks, probe):
     assert mute_gain.returncode == 1
     assert any(m.startswith('sound_manager_set_mute_gain return : -')
                for m in messages(mute_gain))
-
-
-def test_audio_control_adapter_sets_and_reads_back(mocks, probe):
-    control = mocks.spawn('audio_control')
-
-    assert probe('audio-control-mgr', 'set-gain', '20').returncode == 0
-    assert probe('audio-control-mgr', 'set-delay', '100').returncode == 0
-    assert probe('audio-control-mgr', 'set-mute', '1').returncode == 0
-
-    assert probe('audio-control-mgr', 'get-gain').stdout == '20\n'
-    assert probe('audio-control-mgr', 'get-delay').stdout == '100\n'
-    assert probe('audio-control-mgr', 'get-mute').stdout == '1\n'
-    assert control.calls('SetUsbOutGain') == [('SetUsbOutGain', [20])]
 
 
 @pytest.mark.parametrize('command, failure', [

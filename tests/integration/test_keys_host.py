@@ -49,16 +49,6 @@ def test_grabbed_keys_arrive_with_their_device(mocks, probe, launcher):
                                   f'down {MUTE} Smart Control 2', f'up {MUTE} -']
 
 
-def test_held_key_repeats_its_key_down(mocks, probe, launcher):
-    router = mocks.spawn('key_router')
-    grabber = grab(launcher, probe, VOLUME_DOWN)
-
-    router.call('HoldKey', VOLUME_DOWN, REMOTE, 4)
-    grabber.wait_for_output(f'up {VOLUME_DOWN}')
-
-    assert key_lines(grabber) == [f'down {VOLUME_DOWN} {REMOTE}'] * 4 + [f'up {VOLUME_DOWN} {REMOTE}']
-
-
 def test_released_keys_no_longer_arrive(mocks, probe, launcher):
     router = mocks.spawn('key_router')
     grabber = grab(launcher, probe, VOLUME_UP, VOLUME_DOWN)
@@ -106,12 +96,6 @@ def test_zone_lists_round_trip(mocks, probe):
     assert probe.lines('zones', '1') == (0, [])
 
     assert centre.calls('GetZones') == [('GetZones', [1]), ('GetZones', [4]), ('GetZones', [1])]
-
-
-def test_configured_empty_zone_list(mocks, probe):
-    mocks.spawn('resource_center', {'zones': dbus.Array([], signature='i')})
-
-    assert probe.lines('zones', '1') == (0, [])
 
 
 def test_failing_or_absent_resource_centre_is_an_error(mocks, probe, system_bus):

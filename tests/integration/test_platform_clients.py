@@ -30,19 +30,6 @@ def finish(watcher):
 
 # --- sound manager ----------------------------------------------------------------------------
 
-def test_speaker_selection_round_trip(mocks, probe):
-    sound = mocks.spawn('sound_manager')
-
-    assert probe.lines('sound', 'get') == (0, ['route 7'])
-    assert probe.lines('sound', 'set', '15') == (0, [])
-    assert probe.lines('sound', 'get') == (0, ['route 15'])
-    assert probe.lines('sound', 'set', '123456') == (0, [])
-    assert probe.lines('sound', 'get') == (0, ['route 123456'])
-
-    assert sound.calls('SetSpeakerSelection') == [('SetSpeakerSelection', [15]),
-                                                  ('SetSpeakerSelection', [123456])]
-
-
 def test_negative_route_is_refused_before_the_bus(mocks, probe):
     sound = mocks.spawn('sound_manager')
 
@@ -50,15 +37,6 @@ def test_negative_route_is_refused_before_the_bus(mocks, probe):
     assert probe.lines('sound', 'zone-set', '-1', '0') == (1, [INVALID_PARAMETER])
 
     assert sound.calls() == []
-
-
-def test_mute_gain_and_fade_in_pass_their_arguments(mocks, probe):
-    sound = mocks.spawn('sound_manager')
-
-    assert probe.lines('sound', 'mute-gain', '3', '-40') == (0, [])
-    assert probe.lines('sound', 'fade-in', '3') == (0, [])
-
-    assert sound.calls() == [('SetMuteGain', [3, -40]), ('ApplyUnmuteFadeIn', [3])]
 
 
 def test_multiview_routes_are_per_zone(mocks, probe):
@@ -122,24 +100,6 @@ def test_failing_sound_manager_fails_every_call(mocks, probe):
 
 
 # --- audio control ----------------------------------------------------------------------------
-
-def test_usb_output_values_round_trip(mocks, probe):
-    control = mocks.spawn('audio_control', {'gain': dbus.UInt32(20)})
-
-    assert probe.lines('audio-control', 'get-gain') == (0, ['gain 20'])
-    assert probe.lines('audio-control', 'get-mute') == (0, ['mute 0'])
-    assert probe.lines('audio-control', 'get-delay') == (0, ['delay 0'])
-
-    assert probe.lines('audio-control', 'set-gain', '35') == (0, [])
-    assert probe.lines('audio-control', 'set-mute', '1') == (0, [])
-    assert probe.lines('audio-control', 'set-delay', '120') == (0, [])
-
-    assert probe.lines('audio-control', 'get-gain') == (0, ['gain 35'])
-    assert probe.lines('audio-control', 'get-mute') == (0, ['mute 1'])
-    assert probe.lines('audio-control', 'get-delay') == (0, ['delay 120'])
-    assert [entry for entry in control.calls() if entry[0].startswith('Set')] == [
-        ('SetUsbOutGain', [35]), ('SetUsbOutMute', [True]), ('SetUsbOutDelay', [120])]
-
 
 # --- device power -----------------------------------------------------------------------------
 
