@@ -24,6 +24,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "TempRoot.h"
+
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
@@ -139,26 +141,6 @@ struct Child {
 
 class SettingsTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        char pattern[] = "/tmp/hadrix-settings-test.XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        root_ = pattern;
-        // Neither directory exists yet: the store makes them.
-        dbDir_ = root_ / "persistent" / "settings";
-        memoryDir_ = root_ / "volatile" / "settings";
-        setenv("HADRIX_SETTINGS_DIR", dbDir_.c_str(), 1);
-        setenv("HADRIX_RUNTIME_SETTINGS_DIR", memoryDir_.c_str(), 1);
-    }
-
-    void TearDown() override
-    {
-        unsetenv("HADRIX_SETTINGS_DIR");
-        unsetenv("HADRIX_RUNTIME_SETTINGS_DIR");
-        std::error_code ignored;
-        fs::remove_all(root_, ignored);
-    }
-
     // A main context made the calling thread's default for the test's length.
     struct OwnContext {
         GMainContext *context = g_main_context_new();
@@ -170,9 +152,11 @@ protected:
         }
     };
 
-    fs::path root_;
-    fs::path dbDir_;
-    fs::path memoryDir_;
+    TempRoot temp_;
+    const fs::path root_ = temp_.Path("");
+    // Neither directory exists yet: the store makes them.
+    const fs::path dbDir_ = temp_.Path("/var/lib/nimbos/settings");
+    const fs::path memoryDir_ = temp_.Path("/run/nimbos/settings");
 };
 
 TEST_F(SettingsTest, EachTypeRoundTripsThroughItsFile)
