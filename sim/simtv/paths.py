@@ -1,5 +1,6 @@
 """Where the tree, the build and the programs of the build are."""
 import os
+import re
 import shutil
 import tempfile
 from pathlib import Path
@@ -42,6 +43,16 @@ def program(name):
             f'"cmake --build {build} --target {name}", or point HADRIX_BUILD_DIR at the build '
             f'directory that has it.')
     return path
+
+
+def sanitizers():
+    """The sanitizers the build was made with (HADRIX_SANITIZE, e.g. "address,undefined"), or
+    "" for a plain build."""
+    cache = build_dir() / 'CMakeCache.txt'
+    if not cache.is_file():
+        return ''
+    found = re.search(r'^HADRIX_SANITIZE:STRING=(.*)$', cache.read_text(), re.MULTILINE)
+    return found.group(1).strip() if found else ''
 
 
 def app_files():

@@ -10,6 +10,7 @@ import time
 
 import pytest
 
+from simtv import paths
 from simtv.alsa_card import EmulatedCard, stereo_headset
 from simtv.api_poller import ApiPollers
 from simtv.client_api import SERVER_IFACE, SERVER_NAME, SERVER_PATH
@@ -140,7 +141,10 @@ def test_thousand_plugs_under_polling_clients_leave_the_service_flat(
         # The clients ran throughout: each saw the headset there and gone.
         assert summary['records'].get('0') and summary['records'].get('1'), summary
     warm_rss, warm_fds = samples[WARM_UP]
-    assert end[0] - warm_rss <= RSS_TOLERANCE_KIB, \
-        f'RSS grew from {warm_rss} KiB after {WARM_UP} cycles to {end[0]} KiB: {samples}'
+    # A sanitizer's runtime keeps freed memory in quarantine and grows its shadow memory, so
+    # the resident size is its, not the service's; its leak check at exit stands in for this.
+    if not paths.sanitizers():
+        assert end[0] - warm_rss <= RSS_TOLERANCE_KIB, \
+            f'RSS grew from {warm_rss} KiB after {WARM_UP} cycles to {end[0]} KiB: {samples}'
     assert end[1] <= warm_fds + FD_TOLERANCE, \
         f'open descriptors grew from {warm_fds} to {end[1]}: {samples}'
