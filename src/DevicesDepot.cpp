@@ -12,6 +12,7 @@
 
 #include <json/json.h>
 
+#include "LocalFileData.h"
 #include "Log.h"
 #include "UniqueFd.h"
 #include "nimbos/paths.h"
@@ -159,6 +160,7 @@ DevicesDepot::DevicesDepot()
 void DevicesDepot::m_Deserialize()
 {
     std::string path = nimbos::Path(DEVICES_DEPOT_FILE);
+    CLocalFileData::RemoveUnfinishedReplacements(path);
     std::string text;
     switch (ReadDepotFile(path, text)) {
     case ReadResult::CannotOpen:

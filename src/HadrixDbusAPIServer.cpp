@@ -433,6 +433,7 @@ void CUSBAPIServer::m_SaveConnection()
 void CUSBAPIServer::m_LoadConnection()
 {
     LOGI("m_LoadConnection Enter");
+    CLocalFileData::RemoveUnfinishedReplacements(SubscriberFilePath());
     std::ifstream file(SubscriberFilePath());
     if (!file) {
         LOGW("open connection file failed");

@@ -1,9 +1,12 @@
 #include "LocalFileData.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,7 +42,36 @@ bool WriteAll(int fd, const char *data, size_t size)
     return true;
 }
 
+struct DirCloser {
+    void operator()(DIR *dir) const { closedir(dir); }
+};
+
+// Whether name is one of mkostemp's "<prefix>XXXXXX" names.
+bool IsTemporaryOf(const std::string &name, const std::string &prefix)
+{
+    constexpr size_t kTemporarySuffix = 6;
+    return name.size() == prefix.size() + kTemporarySuffix && name.compare(0, prefix.size(), prefix) == 0 &&
+           std::all_of(name.begin() + static_cast<std::ptrdiff_t>(prefix.size()), name.end(),
+                       [](unsigned char c) { return std::isalnum(c) != 0; });
+}
+
 } // namespace
+
+void CLocalFileData::RemoveUnfinishedReplacements(const std::string &resolved)
+{
+    const size_t slash = resolved.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : resolved.substr(0, slash);
+    const std::string prefix = resolved.substr(slash == std::string::npos ? 0 : slash + 1) + ".";
+    std::unique_ptr<DIR, DirCloser> entries(opendir(dir.c_str()));
+    if (!entries)
+        return;
+    while (const dirent *entry = readdir(entries.get())) {
+        if (!IsTemporaryOf(entry->d_name, prefix))
+            continue;
+        LOGW("remove %s/%s, left by a save that did not finish", dir.c_str(), entry->d_name);
+        unlinkat(dirfd(entries.get()), entry->d_name, 0);
+    }
+}
 
 bool CLocalFileData::ReplaceResolvedFile(const std::string &resolved, const char *data, size_t size)
 {

@@ -32,6 +32,9 @@ public:
     // reader or a crash sees the old or the new content, never a part, and a symbolic link there
     // is replaced rather than followed. False (errno set) when it failed; nothing is logged.
     static bool ReplaceResolvedFile(const std::string &resolved, const char *data, size_t size);
+    // Removes the temporary files that replacements of `resolved` cut short by a crash left
+    // beside it ("<name>.XXXXXX"), so that they do not pile up over the crashes of a lifetime.
+    static void RemoveUnfinishedReplacements(const std::string &resolved);
 
     bool IsUSBServiceRunning();
     void SetUSBServiceRunning();

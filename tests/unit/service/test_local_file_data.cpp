@@ -145,6 +145,25 @@ TEST_F(LocalFileDataTest, WriteReplacesTheFileWholeAndNeverFollowsALink)
     EXPECT_EQ(root.ReadFile("/tmp/dmesg.txt.success"), "abc") << "an explicit size writes that many bytes";
 }
 
+TEST_F(LocalFileDataTest, LeftoversOfInterruptedSavesAreRemovedAndNothingElse)
+{
+    const std::string depot = "/home/owner/apps_rw/hadrix/data/devices.depot";
+    root.WriteFile(depot, "[]");
+    for (const char *name : {".a1B2c3", ".Zz9999", ".abc", ".abcdefg", ".ab-123", ".saved~"})
+        root.WriteFile(depot + name, "x");
+    root.WriteFile("/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode.a1B2c3", "x");
+
+    CLocalFileData::RemoveUnfinishedReplacements(root.Path(depot));
+
+    EXPECT_FALSE(root.Exists(depot + ".a1B2c3"));
+    EXPECT_FALSE(root.Exists(depot + ".Zz9999"));
+    EXPECT_EQ(root.ReadFile(depot), "[]");
+    for (const char *name : {".abc", ".abcdefg", ".ab-123", ".saved~"})
+        EXPECT_TRUE(root.Exists(depot + name)) << name << " is not a temporary name";
+    EXPECT_TRUE(root.Exists("/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode.a1B2c3"))
+        << "another file's temporaries are its own business";
+}
+
 TEST_F(LocalFileDataTest, WriteCreatesMissingDirectoriesAndReadGetsItBack)
 {
     CLocalFileData &data = Fresh();
