@@ -53,7 +53,6 @@ constexpr size_t ID_DIGITS = 4;
 constexpr size_t SEARCH_WINDOW = 64 * 1024;
 
 const char *const LOG_COPY_PATH = "/tmp/dmesg.txt";
-const char *const LOG_COPY_PENDING_PATH = "/tmp/dmesg.txt.saving";
 const char *const MARKER_CORE_INIT = "usb_enable mod ld";
 const char *const MARKER_DRIVER_DETECTED = "New USB device found";
 const char *const MARKER_PORT_DETECTED = " new full-speed USB device number";
@@ -192,44 +191,11 @@ std::string IdDigitsAfter(const char *begin, const char *end, const char *tag)
     return std::string(digits, ID_DIGITS);
 }
 
-// The copy of an attempt's log text, kept for diagnosis. It is written on a thread of its own
-// while the text is parsed, under a provisional name, and takes its final name once the parse
-// has told which: the parse does not wait for the disk, and the final file still appears whole
-// before the result is published. The text must outlive the copy.
-class LogCopy {
-public:
-    LogCopy(const char *text, size_t len)
-    {
-        try {
-            m_Writer = std::thread(&LogCopy::Write, text, len);
-        } catch (const std::system_error &e) {
-            LOGW("[START] no thread for the log copy (%s), writing it first", e.what());
-            Write(text, len);
-        }
-    }
-    ~LogCopy()
-    {
-        if (m_Writer.joinable())
-            m_Writer.join();
-    }
-    LogCopy(const LogCopy &) = delete;
-    LogCopy &operator=(const LogCopy &) = delete;
-
-    void SaveAs(const std::string &suffix)
-    {
-        if (m_Writer.joinable())
-            m_Writer.join();
-        CLocalFileData::GetInstance()->RenameFile(LOG_COPY_PENDING_PATH, LOG_COPY_PATH + suffix);
-    }
-
-private:
-    static void Write(const char *text, size_t len)
-    {
-        CLocalFileData::GetInstance()->WriteToFile(LOG_COPY_PENDING_PATH, text, len);
-    }
-
-    std::thread m_Writer;
-};
+// The text as it was parsed, kept for diagnosis.
+void SaveLogCopy(const std::string &suffix, const char *text, size_t len)
+{
+    CLocalFileData::GetInstance()->WriteToFile(LOG_COPY_PATH + suffix, text, len);
+}
 
 } // namespace
 
@@ -691,15 +657,14 @@ void CDMesgAnalysis::m_KlogParseThreadEntry()
             LOGW("[START] empty kernel log (rc %d), attempt %d", text.rc, attempt);
             continue;
         }
-        LogCopy copy(text.data.get(), text.length);
         if (m_ParseFullLog(text)) {
             m_LogParseResult();
-            copy.SaveAs(".success");
+            SaveLogCopy(".success", text.data.get(), text.length);
             m_ParsingReady = true;
             return;
         }
         LOGE("[START] fail log, read it again. %d", attempt);
-        copy.SaveAs(".err." + std::to_string(attempt));
+        SaveLogCopy(".err." + std::to_string(attempt), text.data.get(), text.length);
         text.data.reset();
         if (attempt < MAX_PARSE_ATTEMPTS)
             m_Hooks.wait(RETRY_WAIT_MS);

@@ -185,16 +185,6 @@ void CLocalFileData::AppendToFile(const std::string &path, const char *data, siz
         LOGE("write file error path:%s", path.c_str());
 }
 
-bool CLocalFileData::RenameFile(const std::string &from, const std::string &to)
-{
-    LOGD("rename file %s to %s", from.c_str(), to.c_str());
-    if (rename(nimbos::Path(from).c_str(), nimbos::Path(to).c_str()) != 0) {
-        LOGE("rename %s to %s fail: %s", from.c_str(), to.c_str(), strerror(errno));
-        return false;
-    }
-    return true;
-}
-
 bool CLocalFileData::IsUSBServiceRunning()
 {
     return m_IsFileExist(HADRIX_RUNNING_FILE);

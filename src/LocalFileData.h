@@ -24,9 +24,6 @@ public:
     // size 0 means strlen(data). The file is replaced whole: a reader never sees half of it.
     void WriteToFile(const std::string &path, const char *data, size_t size = 0);
     void AppendToFile(const std::string &path, const char *data, size_t size = 0);
-    // Gives a file another name, replacing what had it (a symbolic link there is replaced, not
-    // followed). False, logged, when the file cannot be renamed.
-    bool RenameFile(const std::string &from, const std::string &to);
     // The same whole-file replacement at a path already resolved for this system (missing
     // directories are made): a temporary file beside it, fsynced and renamed over it, so that a
     // reader or a crash sees the old or the new content, never a part, and a symbolic link there
