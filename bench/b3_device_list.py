@@ -11,10 +11,10 @@ import time
 
 from service_bench import (AT_BOOT, SERVER_IFACE, SERVER_NAME, SERVER_PATH, USB_AUDIO_MODE,
                            arguments, bench_program, median, ratio, raw, run, series, World)
+from simtv.client_api import RECORD
 from simtv.devices import plug
 
 CLIENTS = 8
-RECORD_BYTES = 327
 PEER_IFACE = 'org.freedesktop.DBus.Peer'
 
 
@@ -27,7 +27,7 @@ def wait_for_one_record(world, service):
     # The API has a thread of its own: its name may come after the service's.
     service.wait_until(lambda: world.bus.has_owner(SERVER_NAME), timeout=10, what=SERVER_NAME)
     connection = world.bus.connect()
-    service.wait_until(lambda: len(device_list(connection)) == RECORD_BYTES, timeout=30,
+    service.wait_until(lambda: len(device_list(connection)) == RECORD.size, timeout=30,
                        what='one device record in GetDeviceListInfo')
 
 

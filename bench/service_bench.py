@@ -20,6 +20,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1] / 'sim'))
 
 from simtv import paths  # noqa: E402
 from simtv.bus import Mocks, SystemBus  # noqa: E402
+from simtv.client_api import SERVER_IFACE, SERVER_NAME, SERVER_PATH  # noqa: E402,F401
 from simtv.daemon import Daemons, Launcher  # noqa: E402
 from simtv.env import ChildEnv  # noqa: E402
 from simtv.klog import KernelLog  # noqa: E402
@@ -28,9 +29,6 @@ from simtv.platform import PlatformServices  # noqa: E402
 from simtv.root import HadrixRoot  # noqa: E402
 from simtv.testbed import Testbed  # noqa: E402
 
-SERVER_NAME = 'org.nimbos.hadrix.server'
-SERVER_PATH = '/org/nimbos/tv/hadrix/server'
-SERVER_IFACE = 'org.nimbos.hadrix.server.interface'
 USB_AUDIO_MODE = '/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode'
 # The name the reference service owns beside the service.
 REFERENCE_NAME = 'org.nimbos.bench.reference'

@@ -5,9 +5,9 @@ import signal
 
 import pytest
 
+from simtv.client_api import SERVER_NAME
 from simtv.devices import plug
 
-SERVER_NAME = 'org.nimbos.hadrix.server'
 USB_AUDIO_MODE = '/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode'
 SUBSCRIBER_FILE = '/home/owner/apps_rw/hadrix/data/.subscriber'
 LEVEL_KEY = 'db/hadrix/volume_level'

@@ -16,6 +16,7 @@ import pytest
 from gi.repository import Gio, GLib
 
 from simtv import paths
+from simtv.client_api import SERVER_IFACE, SERVER_PATH
 
 PREFIX = '/usr'
 DAEMON = f'{PREFIX}/libexec/hadrix'
@@ -44,9 +45,6 @@ INSTALLED = {
        for language in ('en', 'de', 'fr')},
     'usr/apps/hadrix/shared/res/img_usb_port_guide.svg': 0o644,
 }
-
-API_INTERFACE = 'org.nimbos.hadrix.server.interface'
-API_PATH = '/org/nimbos/tv/hadrix/server'
 
 
 def install(destdir, prefix=PREFIX):
@@ -189,7 +187,7 @@ def gdbus_as_nobody(address, *arguments):
 class ApiStandIn:
     """Owns the service's names as root and answers check_dbus_connection like the service."""
 
-    XML = f'''<node><interface name="{API_INTERFACE}">
+    XML = f'''<node><interface name="{SERVER_IFACE}">
       <method name="check_dbus_connection"><arg type="s" direction="in"/>
         <arg type="s" direction="out"/></method></interface></node>'''
 
@@ -202,7 +200,7 @@ class ApiStandIn:
                 address, Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
                 | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
             info = Gio.DBusNodeInfo.new_for_xml(self.XML).interfaces[0]
-            self.connection.register_object(API_PATH, info, self._call, None, None)
+            self.connection.register_object(SERVER_PATH, info, self._call, None, None)
         finally:
             self.context.pop_thread_default()
         self.thread = threading.Thread(target=self._run, daemon=True)
@@ -245,8 +243,8 @@ def test_policy_lets_only_root_own_the_names_and_anyone_call_the_api(staged, soc
         assert rc != 0 and 'AccessDenied' in out, out
 
         rc, out = gdbus_as_nobody(bus.address, '--dest', 'org.nimbos.hadrix.server',
-                                  '--object-path', API_PATH,
-                                  '--method', f'{API_INTERFACE}.check_dbus_connection', 'player')
+                                  '--object-path', SERVER_PATH,
+                                  '--method', f'{SERVER_IFACE}.check_dbus_connection', 'player')
         assert rc == 0 and "('objplayer',)" in out, out
 
         # Launch requests carry debug commands: root only.
