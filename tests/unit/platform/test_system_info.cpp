@@ -6,7 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <memory>
+#include <optional>
+#include <string>
 
 namespace {
 
@@ -14,93 +15,78 @@ constexpr const char *kConfig = "/etc/nimbos/system-info.conf";
 constexpr const char *kDeviceSid = "com.corvel/featureconf/product.device_sid";
 constexpr const char *kTunerSupport = "com.corvel/featureconf/broadcast.removable_rf_tuner_support";
 
-struct FreeDeleter {
-    void operator()(char *text) const { free(text); }
-};
-using Text = std::unique_ptr<char, FreeDeleter>;
-
-class SystemInfoTest : public ::testing::Test {
-protected:
-    void WriteConfig(const std::string &content) { m_root.WriteFile(kConfig, content); }
-
-    TempRoot m_root;
-};
-
-TEST_F(SystemInfoTest, ReadsModelAndFeaturesByFullName)
+// What a query answers: its value, "<error>", or "<written on failure>" when a failing query
+// touched the caller's result.
+std::string Answer(int rc, char *raw)
 {
-    WriteConfig("[system]\nmodel=UA55TV\n"
-                "[features]\n"
-                "com.corvel/featureconf/product.device_sid=REP.DEVICE.TV\n"
-                "com.corvel/featureconf/broadcast.removable_rf_tuner_support=false\n"
-                "com.corvel/featureconf/multiview.support=true\n");
+    g_autofree char *text = raw;
+    if (rc != SYSTEM_INFO_ERROR_NONE)
+        return rc < 0 && !text ? "<error>" : "<written on failure>";
+    return text ? text : "<null>";
+}
 
+std::string Model()
+{
     char *raw = nullptr;
-    ASSERT_EQ(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), SYSTEM_INFO_ERROR_NONE);
-    EXPECT_STREQ(Text(raw).get(), "UA55TV");
+    const int rc = system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw);
+    return Answer(rc, raw);
+}
 
-    ASSERT_EQ(system_info_get_feature_string(kDeviceSid, &raw), SYSTEM_INFO_ERROR_NONE);
-    EXPECT_STREQ(Text(raw).get(), "REP.DEVICE.TV");
+std::string Feature(const char *key)
+{
+    char *raw = nullptr;
+    const int rc = system_info_get_feature_string(key, &raw);
+    return Answer(rc, raw);
+}
 
+std::string Flag(const char *key)
+{
     bool flag = true;
-    ASSERT_EQ(system_info_get_feature_bool(kTunerSupport, &flag), SYSTEM_INFO_ERROR_NONE);
-    EXPECT_FALSE(flag);
-    ASSERT_EQ(system_info_get_feature_bool("com.corvel/featureconf/multiview.support", &flag),
-              SYSTEM_INFO_ERROR_NONE);
-    EXPECT_TRUE(flag);
+    const int rc = system_info_get_feature_bool(key, &flag);
+    if (rc != SYSTEM_INFO_ERROR_NONE)
+        return rc < 0 && flag ? "<error>" : "<written on failure>";
+    return flag ? "true" : "false";
 }
 
-TEST_F(SystemInfoTest, SeesAnEditedFileAtOnce)
+TEST(SystemInfoTest, ReadsModelAndFeaturesByFullNameFromTheFileAsItIsNow)
 {
-    WriteConfig("[system]\nmodel=FIRST\n");
-    char *raw = nullptr;
-    ASSERT_EQ(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), SYSTEM_INFO_ERROR_NONE);
-    EXPECT_STREQ(Text(raw).get(), "FIRST");
+    TempRoot root;
+    root.WriteFile(kConfig, "[system]\nmodel=UA55TV\n[features]\n"
+                            "com.corvel/featureconf/product.device_sid=REP.DEVICE.TV\n"
+                            "com.corvel/featureconf/broadcast.removable_rf_tuner_support=false\n"
+                            "com.corvel/featureconf/multiview.support=true\n");
+    EXPECT_EQ(Model(), "UA55TV");
+    EXPECT_EQ(Feature(kDeviceSid), "REP.DEVICE.TV");
+    EXPECT_EQ(Flag(kTunerSupport), "false");
+    EXPECT_EQ(Flag("com.corvel/featureconf/multiview.support"), "true");
 
-    WriteConfig("[system]\nmodel=SECOND\n");
-    ASSERT_EQ(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), SYSTEM_INFO_ERROR_NONE);
-    EXPECT_STREQ(Text(raw).get(), "SECOND");
+    root.WriteFile(kConfig, "[system]\nmodel=SECOND\n");
+    EXPECT_EQ(Model(), "SECOND");
 }
 
-TEST_F(SystemInfoTest, MissingFileFailsEveryQuery)
+TEST(SystemInfoTest, UnreadableValuesFailAndLeaveTheResultAlone)
 {
-    char *raw = nullptr;
-    bool flag = false;
-    EXPECT_LT(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), 0);
-    EXPECT_LT(system_info_get_feature_string(kDeviceSid, &raw), 0);
-    EXPECT_LT(system_info_get_feature_bool(kTunerSupport, &flag), 0);
-    EXPECT_EQ(raw, nullptr);
+    const std::optional<std::string> configs[] = {
+        std::nullopt,
+        "[features]\ncom.corvel/featureconf/product.device_sid=REP.DEVICE.TV\n",
+        "model without a group\n",
+        "[system]\n[features]\ncom.corvel/featureconf/broadcast.removable_rf_tuner_support=maybe\n",
+    };
+    for (const auto &config : configs) {
+        SCOPED_TRACE(config.value_or("no file"));
+        TempRoot root;
+        if (config)
+            root.WriteFile(kConfig, *config);
+        EXPECT_EQ(Model(), "<error>");
+        EXPECT_EQ(Feature("com.corvel/featureconf/absent"), "<error>");
+        EXPECT_EQ(Flag(kTunerSupport), "<error>");
+    }
 }
 
-TEST_F(SystemInfoTest, MissingKeyOrGroupFails)
+TEST(SystemInfoTest, RefusesBadArguments)
 {
-    WriteConfig("[features]\ncom.corvel/featureconf/product.device_sid=REP.DEVICE.TV\n");
-    char *raw = nullptr;
-    bool flag = false;
-    EXPECT_LT(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), 0);
-    EXPECT_LT(system_info_get_feature_string("com.corvel/featureconf/absent", &raw), 0);
-    EXPECT_LT(system_info_get_feature_bool(kTunerSupport, &flag), 0);
-    EXPECT_EQ(raw, nullptr);
-}
-
-TEST_F(SystemInfoTest, NonBooleanValueFailsAndLeavesResultAlone)
-{
-    WriteConfig("[features]\ncom.corvel/featureconf/broadcast.removable_rf_tuner_support=maybe\n");
-    bool flag = true;
-    EXPECT_LT(system_info_get_feature_bool(kTunerSupport, &flag), 0);
-    EXPECT_TRUE(flag);
-}
-
-TEST_F(SystemInfoTest, UnparsableFileFails)
-{
-    WriteConfig("model without a group\n");
-    char *raw = nullptr;
-    EXPECT_LT(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), 0);
-    EXPECT_EQ(raw, nullptr);
-}
-
-TEST_F(SystemInfoTest, RefusesBadArguments)
-{
-    WriteConfig("[system]\nmodel=UA55TV\n");
+    TempRoot root;
+    root.WriteFile(kConfig, "[system]\nmodel=UA55TV\n");
     char *raw = nullptr;
     bool flag = false;
     EXPECT_EQ(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, nullptr), SYSTEM_INFO_ERROR_INVALID_PARAMETER);
