@@ -6,7 +6,6 @@
 
 #include <gio/gio.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -93,42 +92,38 @@ struct Seen {
     Pairs extra;
     bool terminated = false;
     bool timedOut = false;
+    int launchResult = 1;
     int replyResult = 1;
     bool hadReply = false;
+    std::string emptyKeyError;
 };
 
-// Sends a launch request to the service loop until its name is owned, with a deadline.
-int LaunchService(Seen *seen)
+// Sends a launch request to the service loop until its name is owned, with a deadline, then a
+// raw Launch call with an empty key, and ends the loop.
+void LaunchService(Seen *seen)
 {
     Handle handle = NewHandle();
     app_control_set_app_id(handle.get(), "org.nimbos.hadrix");
     app_control_set_operation(handle.get(), "debug");
-    app_control_add_extra_data(handle.get(), "pulse", "1");
-    app_control_add_extra_data(handle.get(), "cset", "numid=3 50");
-    app_control_add_extra_data(handle.get(), "pulse", "2");
+    for (const auto &[key, value] : Pairs{{"pulse", "1"}, {"cset", "numid=3 50"}, {"pulse", "2"}})
+        app_control_add_extra_data(handle.get(), key.c_str(), value.c_str());
     auto reply = [](app_control_h, app_control_h reply, int result, void *data) {
         static_cast<Seen *>(data)->replyResult = result;
         static_cast<Seen *>(data)->hadReply = reply != nullptr;
     };
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    int result;
-    while ((result = app_control_send_launch_request(handle.get(), reply, seen)) == APP_CONTROL_ERROR_APP_NOT_FOUND &&
-           std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    return result;
-}
+    for (const gint64 end = g_get_monotonic_time() + 5 * G_USEC_PER_SEC;
+         (seen->launchResult = app_control_send_launch_request(handle.get(), reply, seen)) ==
+             APP_CONTROL_ERROR_APP_NOT_FOUND && g_get_monotonic_time() < end;)
+        g_usleep(20000);
 
-// A raw Launch call with the given arguments; the D-Bus error it gets, or "" on success.
-std::string RawLaunch(GVariant *arguments)
-{
     g_autoptr(GError) error = nullptr;
     g_autoptr(GDBusConnection) bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
-    g_autoptr(GVariant) reply = bus ? g_dbus_connection_call_sync(bus, "org.nimbos.hadrix", "/org/nimbos/AppControl",
-        "org.nimbos.AppControl", "Launch", arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, &error) : nullptr;
-    if (reply)
-        return "";
-    g_autofree char *name = g_dbus_error_get_remote_error(error);
-    return name ? name : error->message;
+    g_autoptr(GVariant) result = bus ? g_dbus_connection_call_sync(bus, "org.nimbos.hadrix", "/org/nimbos/AppControl",
+        "org.nimbos.AppControl", "Launch", g_variant_new_parsed("('debug', [('', 'x')])"), nullptr,
+        G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, &error) : nullptr;
+    g_autofree char *name = error ? g_dbus_error_get_remote_error(error) : nullptr;
+    seen->emptyKeyError = name ? name : error ? error->message : "";
+    service_app_exit();
 }
 
 // A private message bus stands in for the system bus.
@@ -153,15 +148,8 @@ TEST(LaunchOverBusTest, LaunchReachesTheServiceLoopInOrder)
         service_app_exit();
         return G_SOURCE_REMOVE;
     }, &service);
-
-    int launchResult = 1;
-    std::string emptyKey;
-    std::thread client([&] {
-        launchResult = LaunchService(&service);
-        emptyKey = RawLaunch(g_variant_new_parsed("('debug', [('', 'x')])"));
-        service_app_exit();
-    });
-    int ret = service_app_main(0, nullptr, &callbacks, &service);
+    std::thread client(LaunchService, &service);
+    const int ret = service_app_main(0, nullptr, &callbacks, &service);
     client.join();
     if (!service.timedOut)
         g_source_remove(guard);
@@ -173,10 +161,10 @@ TEST(LaunchOverBusTest, LaunchReachesTheServiceLoopInOrder)
 
     ASSERT_FALSE(service.timedOut);
     EXPECT_EQ(ret, 0);
-    EXPECT_EQ(launchResult, APP_CONTROL_ERROR_NONE);
+    EXPECT_EQ(service.launchResult, APP_CONTROL_ERROR_NONE);
     EXPECT_EQ(service.replyResult, APP_CONTROL_ERROR_NONE);
     EXPECT_TRUE(service.hadReply);
-    EXPECT_EQ(emptyKey, "org.freedesktop.DBus.Error.InvalidArgs");
+    EXPECT_EQ(service.emptyKeyError, "org.freedesktop.DBus.Error.InvalidArgs");
     EXPECT_EQ(service.launches, 1);
     EXPECT_EQ(service.operation, "debug");
     EXPECT_EQ(service.extra, (Pairs{{"pulse", "2"}, {"cset", "numid=3 50"}}));
