@@ -32,6 +32,9 @@ inline const std::string &PrepareEnvironment()
     return root;
 }
 
+// Made before libFuzzer runs the target's own initialisation, if it has one.
+inline const std::string &kRoot = PrepareEnvironment();
+
 // Stops the run with a message when a property of the code under test does not hold.
 #define FUZZ_CHECK(condition)                                                                    \
     do {                                                                                         \

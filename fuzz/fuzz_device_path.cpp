@@ -8,12 +8,6 @@
 #include "FuzzEnvironment.h"
 #include "HadrixUtil.h"
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz::PrepareEnvironment();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 4)

@@ -76,12 +76,6 @@ void Judge(CDMesgAnalysis &analysis)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz::PrepareEnvironment();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     std::string log(reinterpret_cast<const char *>(data), size);

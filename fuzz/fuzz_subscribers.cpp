@@ -23,12 +23,6 @@ bool IsWord(const std::string &text)
 
 } // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    fuzz::PrepareEnvironment();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     std::istringstream file(std::string(reinterpret_cast<const char *>(data), size));

@@ -2,8 +2,10 @@
 // uid, one record per gamepad, and uids the list refuses.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "GamepadList.h"
 
@@ -19,79 +21,61 @@ _gamepad_device_info_s Info(const std::string &uid, const std::string &name = "W
     return info;
 }
 
-TEST(GamepadList, ConnectionReadsBothIdsAsHexadecimal)
+std::vector<std::string> Names(const CGamepadList &list)
 {
-    CGamepadList list;
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_054C PID_0ce6", "DualSense")), Change::Added);
-    const auto records = list.Records();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].name, "DualSense");
-    EXPECT_EQ(records[0].nVendorId, 0x054c);
-    EXPECT_EQ(records[0].nProductId, 0x0ce6);
-    EXPECT_TRUE(list.HasIds(0x054c, 0x0ce6));
-    EXPECT_FALSE(list.HasIds(0x0ce6, 0x054c)) << "vendor and product are not interchangeable";
-    EXPECT_TRUE(list.HasName("DualSense"));
+    std::vector<std::string> names;
+    for (const GamepadRecord &record : list.Records())
+        names.push_back(record.name);
+    return names;
 }
 
-TEST(GamepadList, SameGamepadConnectedTwiceIsListedOnce)
+// What connecting a gamepad with this uid to an empty list gives: its ids, or the refusal.
+std::string Connect(const char *uid)
 {
     CGamepadList list;
-    ASSERT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_045E PID_028E", "first")), Change::Added);
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("PID_028E VID_045E", "second")), Change::AlreadyListed);
-    const auto records = list.Records();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].name, "first");
+    const Change change = list.Update(GAMEPAD_EVENT_CONNECTED, Info(uid));
+    if (change == Change::NoVendorId || change == Change::NoProductId)
+        return list.Records().empty() ? (change == Change::NoVendorId ? "no vendor id" : "no product id") : "listed";
+    const GamepadRecord record = list.Records().at(0);
+    EXPECT_TRUE(list.HasIds(record.nVendorId, record.nProductId));
+    char ids[16];
+    snprintf(ids, sizeof ids, "%04x:%04x", record.nVendorId, record.nProductId);
+    return ids;
 }
 
-TEST(GamepadList, DisconnectionRemovesOnlyThatGamepadAndAnyOtherEventDisconnects)
+TEST(GamepadList, IdsAreTheFourHexDigitsAfterTheUpperCaseMarkers)
+{
+    EXPECT_EQ(Connect("VID_054C PID_0ce6"), "054c:0ce6");
+    EXPECT_EQ(Connect("PID_028E VID_045E"), "045e:028e");
+    EXPECT_EQ(Connect("VID_045E1 PID_028E&REV_0100"), "045e:028e");
+    EXPECT_EQ(Connect("PID_028E"), "no vendor id");
+    EXPECT_EQ(Connect("VID_045E"), "no product id");
+    EXPECT_EQ(Connect(""), "no product id");
+    EXPECT_EQ(Connect("vid_045e pid_028e"), "no product id");
+    EXPECT_EQ(Connect("VID_045E PID_28"), "no product id");
+    EXPECT_EQ(Connect("PID_028E VID_45"), "no vendor id");
+    EXPECT_EQ(Connect("VID_045E PID_"), "no product id");
+    EXPECT_EQ(Connect("VID_04 5 PID_028E"), "no vendor id");
+    EXPECT_EQ(Connect("VID_XYZW PID_028E"), "no vendor id");
+}
+
+TEST(GamepadList, EachGamepadIsListedOnceUntilAnyEventButConnectedRemovesIt)
 {
     CGamepadList list;
-    list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_045E PID_028E", "pad"));
+    ASSERT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_045E PID_028E", "pad")), Change::Added);
+    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("PID_028E VID_045E", "again")), Change::AlreadyListed);
     list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_054C PID_09CC", "ds4"));
     list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_2DC8 PID_3106", "8bit"));
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_DISCONNECTED, Info("VID_054C PID_09CC")), Change::Removed);
-    auto records = list.Records();
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].name, "pad");
-    EXPECT_EQ(records[1].name, "8bit") << "later records move up";
-    EXPECT_EQ(list.Update(0, Info("VID_045E PID_028E")), Change::Removed);
-    records = list.Records();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].name, "8bit");
-}
+    EXPECT_EQ(Names(list), (std::vector<std::string>{"pad", "ds4", "8bit"}));
+    EXPECT_FALSE(list.HasIds(0x028e, 0x045e)) << "vendor and product are not interchangeable";
+    EXPECT_TRUE(list.HasName("ds4"));
 
-TEST(GamepadList, DisconnectingAnUnknownGamepadChangesNothing)
-{
-    CGamepadList list;
-    list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_045E PID_028E", "pad"));
+    EXPECT_EQ(list.Update(GAMEPAD_EVENT_DISCONNECTED, Info("VID_054C PID_09CC")), Change::Removed);
+    EXPECT_EQ(Names(list), (std::vector<std::string>{"pad", "8bit"}));
     EXPECT_EQ(list.Update(GAMEPAD_EVENT_DISCONNECTED, Info("VID_045E PID_028F")), Change::NotListed);
     EXPECT_EQ(list.Update(GAMEPAD_EVENT_DISCONNECTED, Info("VID_045F PID_028E")), Change::NotListed);
-    EXPECT_EQ(list.Records().size(), 1u);
-}
-
-TEST(GamepadList, UidWithoutBothMarkersAddsNothing)
-{
-    CGamepadList list;
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("PID_028E")), Change::NoVendorId);
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_045E")), Change::NoProductId);
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("")), Change::NoProductId);
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("vid_045e pid_028e")), Change::NoProductId)
-        << "the markers are upper case";
-    EXPECT_TRUE(list.Records().empty());
-}
-
-TEST(GamepadList, FewerThanFourDigitsAfterAMarkerCountAsNoId)
-{
-    CGamepadList list;
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_045E PID_28")), Change::NoProductId);
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("PID_028E VID_45")), Change::NoVendorId);
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_045E PID_")), Change::NoProductId);
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_04 5 PID_028E")), Change::NoVendorId);
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_XYZW PID_028E")), Change::NoVendorId);
-    EXPECT_TRUE(list.Records().empty());
-    // Anything after the four digits is not part of the id.
-    EXPECT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, Info("VID_045E1 PID_028E&REV_0100")), Change::Added);
-    EXPECT_TRUE(list.HasIds(0x045e, 0x028e));
+    EXPECT_EQ(list.Update(0, Info("VID_045E PID_028E")), Change::Removed);
+    EXPECT_EQ(Names(list), (std::vector<std::string>{"8bit"}));
 }
 
 TEST(GamepadList, UnterminatedTextsAreReadWithinTheirFields)
@@ -102,7 +86,7 @@ TEST(GamepadList, UnterminatedTextsAreReadWithinTheirFields)
     memset(info.name, 'n', sizeof info.name);
     CGamepadList list;
     ASSERT_EQ(list.Update(GAMEPAD_EVENT_CONNECTED, info), Change::Added);
-    EXPECT_EQ(list.Records()[0].name, std::string(sizeof info.name, 'n'));
+    EXPECT_EQ(Names(list), (std::vector<std::string>{std::string(sizeof info.name, 'n')}));
 }
 
 TEST(GamepadList, KnownGamepadsAreTheControllersWithAHeadsetJack)

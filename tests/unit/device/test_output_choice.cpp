@@ -3,6 +3,8 @@
 // releases and a status event names.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -10,155 +12,99 @@
 
 namespace {
 
-USBDeviceInfo Device(const std::string &name, uint32_t timeStamp, device_status status = DEVICE_STATUS_IDLE)
+// Devices from words "name/timeStamp/status", the status one of I(dle) U(sing) R(eleased) X (reserved).
+std::vector<USBDeviceInfo> Devices(const std::string &words)
 {
-    USBDeviceInfo device;
-    device.strProductName = name;
-    device.strDevPath = "/devices/usb1/" + name + "/sound/card1";
-    device.timeStamp = timeStamp;
-    device.eStatus = status;
-    return device;
+    std::vector<USBDeviceInfo> devices;
+    std::istringstream in(words);
+    for (std::string name, stamp, status; std::getline(in, name, '/') && std::getline(in, stamp, '/') && in >> status;) {
+        in >> std::ws;
+        USBDeviceInfo device;
+        device.strProductName = name;
+        device.strDevPath = "/devices/usb1/" + name + "/sound/card1";
+        device.timeStamp = static_cast<uint32_t>(std::stoul(stamp));
+        device.eStatus = status == "U" ? DEVICE_STATUS_USING
+                         : status == "R" ? DEVICE_STATUS_RELEASED
+                         : status == "X" ? DEVICE_STATUS_RESERVED : DEVICE_STATUS_IDLE;
+        devices.push_back(device);
+    }
+    return devices;
 }
 
-std::vector<std::string> Names(const std::vector<USBDeviceInfo> &devices, const std::vector<size_t> &indices)
+// The names at the indices, and the list's statuses in the letters of Devices.
+std::string Describe(const std::vector<USBDeviceInfo> &devices, const std::vector<size_t> &indices)
 {
-    std::vector<std::string> names;
+    std::string text;
     for (size_t index : indices)
-        names.push_back(devices[index].strProductName);
-    return names;
-}
-
-std::vector<device_status> Statuses(const std::vector<USBDeviceInfo> &devices)
-{
-    std::vector<device_status> statuses;
+        text += devices[index].strProductName + " ";
+    text += "|";
     for (const USBDeviceInfo &device : devices)
-        statuses.push_back(device.eStatus);
-    return statuses;
+        text += device.eStatus == DEVICE_STATUS_USING      ? "U"
+                : device.eStatus == DEVICE_STATUS_RELEASED ? "R"
+                : device.eStatus == DEVICE_STATUS_RESERVED ? "X" : "I";
+    return text;
 }
 
 // Enabling and unmuting: sort, then take free devices.
-std::vector<std::string> Enable(std::vector<USBDeviceInfo> &devices)
+std::string Enable(std::vector<USBDeviceInfo> &devices)
 {
     CUsbOutputChoice::SortByTimeStamp(devices);
-    return Names(devices, CUsbOutputChoice::TakeFreeDevices(devices));
+    return Describe(devices, CUsbOutputChoice::TakeFreeDevices(devices));
+}
+
+TEST(UsbOutputChoice, EnableTakesTheOldestFreeDevicesUpToTwoInUse)
+{
+    const struct {
+        const char *devices, *expected;
+    } cases[] = {
+        {"c/4000000000/I a/10/I b/2147483648/I", "a b |UUI"}, // time stamps compare unsigned
+        {"newest/300/I oldest/100/I middle/200/I", "oldest middle |UUI"},
+        {"a/100/U b/200/U c/300/I d/50/I", "|IUUI"},
+        {"using/200/U released/100/R idle/300/I", "released |UUI"},
+        {"reserved/100/X b/200/I c/300/I", "b c |XUU"},
+        {"", "|"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.devices);
+        std::vector<USBDeviceInfo> devices = Devices(c.devices);
+        const std::string result = Enable(devices);
+        EXPECT_EQ(result, c.expected);
+        EXPECT_EQ(CUsbOutputChoice::CountUsing(devices), std::count(result.begin(), result.end(), 'U'));
+    }
+}
+
+TEST(UsbOutputChoice, StartUpSwitchTakesTheFirstTwoWhateverTheirStatus)
+{
+    std::vector<USBDeviceInfo> devices = Devices("third/300/I reserved/100/X released/200/R");
+    CUsbOutputChoice::SortByTimeStamp(devices);
+    EXPECT_EQ(Describe(devices, CUsbOutputChoice::TakeFirstDevices(devices)), "reserved released |UUI");
+    devices = Devices("only/5/I");
+    EXPECT_EQ(Describe(devices, CUsbOutputChoice::TakeFirstDevices(devices)), "only |U");
+}
+
+TEST(UsbOutputChoice, MuteReleasesOnlyDevicesInUseAndUnmuteBringsTheSameTwoBack)
+{
+    std::vector<USBDeviceInfo> devices = Devices("late/300/U idle/100/I reserved/150/X early/50/U");
+    EXPECT_EQ(Describe(devices, CUsbOutputChoice::ReleaseUsingDevices(devices)), "late early |RIXR");
+    EXPECT_EQ(CUsbOutputChoice::CountUsing(devices), 0);
+    devices = Devices("a/1/R b/2/I");
+    EXPECT_EQ(Describe(devices, CUsbOutputChoice::ReleaseUsingDevices(devices)), "|RI");
+
+    devices = Devices("a/100/I b/200/I c/300/I");
+    Enable(devices);
+    CUsbOutputChoice::ReleaseUsingDevices(devices);
+    EXPECT_EQ(Enable(devices), "a b |UUI");
+}
+
+TEST(UsbOutputChoice, StatusEventNamesUpToTwoDevices)
+{
+    std::string first = "unchanged", second = "unchanged";
+    EXPECT_FALSE(CUsbOutputChoice::ConnectStatusNames({}, first, second));
+    EXPECT_EQ(first, "unchanged");
+    ASSERT_TRUE(CUsbOutputChoice::ConnectStatusNames({"one"}, first, second));
+    EXPECT_EQ(first + "," + second, "one,");
+    ASSERT_TRUE(CUsbOutputChoice::ConnectStatusNames({"one", "two", "three"}, first, second));
+    EXPECT_EQ(first + "," + second, "one,two");
 }
 
 } // namespace
-
-TEST(UsbOutputChoiceOrder, OldestFirstComparingUnsigned)
-{
-    std::vector<USBDeviceInfo> devices = {Device("c", 4000000000u), Device("a", 10), Device("b", 2147483648u)};
-
-    CUsbOutputChoice::SortByTimeStamp(devices);
-
-    EXPECT_EQ(devices[0].strProductName, "a");
-    EXPECT_EQ(devices[1].strProductName, "b");
-    EXPECT_EQ(devices[2].strProductName, "c");
-}
-
-TEST(UsbOutputChoiceEnable, ThreeIdleDevicesGiveTheTwoOldest)
-{
-    std::vector<USBDeviceInfo> devices = {Device("newest", 300), Device("oldest", 100), Device("middle", 200)};
-
-    EXPECT_EQ(Enable(devices), (std::vector<std::string>{"oldest", "middle"}));
-    EXPECT_EQ(CUsbOutputChoice::CountUsing(devices), 2);
-    EXPECT_EQ(devices[2].eStatus, DEVICE_STATUS_IDLE);
-}
-
-TEST(UsbOutputChoiceEnable, NothingMoreWhileTwoAreInUse)
-{
-    std::vector<USBDeviceInfo> devices = {Device("a", 100, DEVICE_STATUS_USING), Device("b", 200, DEVICE_STATUS_USING),
-                                          Device("c", 300), Device("d", 50)};
-
-    EXPECT_TRUE(Enable(devices).empty());
-    EXPECT_EQ(CUsbOutputChoice::CountUsing(devices), 2);
-}
-
-TEST(UsbOutputChoiceEnable, OneInUseLeavesRoomForOneMore)
-{
-    std::vector<USBDeviceInfo> devices = {Device("using", 200, DEVICE_STATUS_USING),
-                                          Device("released", 100, DEVICE_STATUS_RELEASED), Device("idle", 300)};
-
-    EXPECT_EQ(Enable(devices), (std::vector<std::string>{"released"}));
-    EXPECT_EQ(Statuses(devices),
-              (std::vector<device_status>{DEVICE_STATUS_USING, DEVICE_STATUS_USING, DEVICE_STATUS_IDLE}));
-}
-
-TEST(UsbOutputChoiceEnable, ReservedDevicesAreSkipped)
-{
-    std::vector<USBDeviceInfo> devices = {Device("reserved", 100, DEVICE_STATUS_RESERVED), Device("b", 200),
-                                          Device("c", 300)};
-
-    EXPECT_EQ(Enable(devices), (std::vector<std::string>{"b", "c"}));
-    EXPECT_EQ(devices[0].eStatus, DEVICE_STATUS_RESERVED);
-}
-
-TEST(UsbOutputChoiceEnable, EmptyListTakesNothing)
-{
-    std::vector<USBDeviceInfo> devices;
-    EXPECT_TRUE(Enable(devices).empty());
-}
-
-TEST(UsbOutputChoiceSwitch, FirstTwoTakenWhateverTheirStatus)
-{
-    std::vector<USBDeviceInfo> devices = {Device("third", 300), Device("reserved", 100, DEVICE_STATUS_RESERVED),
-                                          Device("released", 200, DEVICE_STATUS_RELEASED)};
-    CUsbOutputChoice::SortByTimeStamp(devices);
-
-    EXPECT_EQ(Names(devices, CUsbOutputChoice::TakeFirstDevices(devices)),
-              (std::vector<std::string>{"reserved", "released"}));
-    EXPECT_EQ(Statuses(devices),
-              (std::vector<device_status>{DEVICE_STATUS_USING, DEVICE_STATUS_USING, DEVICE_STATUS_IDLE}));
-}
-
-TEST(UsbOutputChoiceSwitch, SingleDeviceIsTaken)
-{
-    std::vector<USBDeviceInfo> devices = {Device("only", 5)};
-    EXPECT_EQ(CUsbOutputChoice::TakeFirstDevices(devices).size(), 1u);
-    EXPECT_EQ(devices[0].eStatus, DEVICE_STATUS_USING);
-}
-
-TEST(UsbOutputChoiceRelease, OnlyDevicesInUseGoToReleasedInListOrder)
-{
-    std::vector<USBDeviceInfo> devices = {Device("late", 300, DEVICE_STATUS_USING), Device("idle", 100),
-                                          Device("reserved", 150, DEVICE_STATUS_RESERVED),
-                                          Device("early", 50, DEVICE_STATUS_USING)};
-
-    EXPECT_EQ(Names(devices, CUsbOutputChoice::ReleaseUsingDevices(devices)),
-              (std::vector<std::string>{"late", "early"}));
-    EXPECT_EQ(Statuses(devices), (std::vector<device_status>{DEVICE_STATUS_RELEASED, DEVICE_STATUS_IDLE,
-                                                             DEVICE_STATUS_RESERVED, DEVICE_STATUS_RELEASED}));
-    EXPECT_EQ(CUsbOutputChoice::CountUsing(devices), 0);
-}
-
-TEST(UsbOutputChoiceRelease, NothingInUseReleasesNothing)
-{
-    std::vector<USBDeviceInfo> devices = {Device("a", 1, DEVICE_STATUS_RELEASED), Device("b", 2)};
-    EXPECT_TRUE(CUsbOutputChoice::ReleaseUsingDevices(devices).empty());
-}
-
-TEST(UsbOutputChoiceUnmuteAfterMute, TheSameTwoComeBack)
-{
-    std::vector<USBDeviceInfo> devices = {Device("a", 100), Device("b", 200), Device("c", 300)};
-    Enable(devices);
-    CUsbOutputChoice::ReleaseUsingDevices(devices);
-
-    EXPECT_EQ(Enable(devices), (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(devices[2].eStatus, DEVICE_STATUS_IDLE);
-}
-
-TEST(UsbOutputChoiceStatusEvent, NamesCarriedByTheEvent)
-{
-    std::string first = "unchanged";
-    std::string second = "unchanged";
-    EXPECT_FALSE(CUsbOutputChoice::ConnectStatusNames({}, first, second));
-    EXPECT_EQ(first, "unchanged");
-
-    ASSERT_TRUE(CUsbOutputChoice::ConnectStatusNames({"one"}, first, second));
-    EXPECT_EQ(first, "one");
-    EXPECT_EQ(second, "");
-
-    ASSERT_TRUE(CUsbOutputChoice::ConnectStatusNames({"one", "two", "three"}, first, second));
-    EXPECT_EQ(first, "one");
-    EXPECT_EQ(second, "two");
-}

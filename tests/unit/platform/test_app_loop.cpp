@@ -11,119 +11,77 @@
 
 namespace {
 
-// No bus answers here, so the loop runs without application control.
-class NoSystemBus : public ::testing::Environment {
-public:
-    void SetUp() override { setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/hadrix-test-bus", 1); }
-};
-const auto *const kNoSystemBus = ::testing::AddGlobalTestEnvironment(new NoSystemBus);
+enum class End { ExitInCreate, SigtermInCreate, ExitFromAnotherThread, CreateFails };
 
-struct Lifecycle {
+struct LoopRun {
+    End end = End::ExitInCreate;
     int creates = 0;
     int terminates = 0;
-    bool createResult = true;
-    bool exitInCreate = false;
+    bool loopRan = false;
     bool timedOut = false;
+    std::thread exiter;
 };
 
-service_app_lifecycle_callback_s Callbacks()
+bool Create(void *data)
 {
-    service_app_lifecycle_callback_s callbacks{};
-    callbacks.create = [](void *data) {
-        auto *seen = static_cast<Lifecycle *>(data);
-        seen->creates++;
-        if (seen->exitInCreate)
-            service_app_exit();
-        return seen->createResult;
-    };
-    callbacks.terminate = [](void *data) { static_cast<Lifecycle *>(data)->terminates++; };
-    return callbacks;
+    auto *run = static_cast<LoopRun *>(data);
+    run->creates++;
+    if (run->end == End::ExitInCreate)
+        service_app_exit();
+    if (run->end == End::SigtermInCreate)
+        raise(SIGTERM);
+    if (run->end == End::ExitFromAnotherThread)
+        g_idle_add([](gpointer data) {
+            auto *run = static_cast<LoopRun *>(data);
+            run->loopRan = true;
+            run->exiter = std::thread(service_app_exit);
+            return G_SOURCE_REMOVE;
+        }, run);
+    return run->end != End::CreateFails;
 }
 
 // Runs the service loop with a deadline: a loop that does not end within 5 s is ended and marked.
-int RunService(Lifecycle *seen, service_app_lifecycle_callback_s callbacks = Callbacks())
+int RunService(LoopRun *run)
 {
+    service_app_lifecycle_callback_s callbacks{};
+    callbacks.create = Create;
+    callbacks.terminate = [](void *data) { static_cast<LoopRun *>(data)->terminates++; };
     guint guard = g_timeout_add_seconds(5, [](gpointer data) {
-        static_cast<Lifecycle *>(data)->timedOut = true;
+        static_cast<LoopRun *>(data)->timedOut = true;
         service_app_exit();
         return G_SOURCE_REMOVE;
-    }, seen);
-    int ret = service_app_main(0, nullptr, &callbacks, seen);
-    if (!seen->timedOut)
+    }, run);
+    int ret = service_app_main(0, nullptr, &callbacks, run);
+    if (!run->timedOut)
         g_source_remove(guard);
+    if (run->exiter.joinable())
+        run->exiter.join();
     return ret;
 }
 
-TEST(ServiceLoopTest, ExitRequestedBeforeTheLoopEndsItAtOnce)
+// One loop after another in the same process: an ended loop leaves no exit pending, so the
+// loops that end from another thread must have run their idle callback first.
+TEST(ServiceLoopTest, EachWayOfEndingRunsTerminateOnceAndLeavesNothingPending)
 {
-    Lifecycle seen;
-    seen.exitInCreate = true;
-    EXPECT_EQ(RunService(&seen), 0);
-    EXPECT_FALSE(seen.timedOut);
-    EXPECT_EQ(seen.creates, 1);
-    EXPECT_EQ(seen.terminates, 1);
-}
-
-TEST(ServiceLoopTest, ExitFromAnotherThreadEndsTheLoop)
-{
-    Lifecycle seen;
-    std::thread exiter;
-    g_idle_add([](gpointer thread) {
-        *static_cast<std::thread *>(thread) = std::thread(service_app_exit);
-        return G_SOURCE_REMOVE;
-    }, &exiter);
-    EXPECT_EQ(RunService(&seen), 0);
-    ASSERT_TRUE(exiter.joinable());
-    exiter.join();
-    EXPECT_FALSE(seen.timedOut);
-    EXPECT_EQ(seen.terminates, 1);
-}
-
-TEST(ServiceLoopTest, TerminateRequestDuringCreateEndsTheLoopAtOnce)
-{
-    Lifecycle seen;
-    service_app_lifecycle_callback_s callbacks = Callbacks();
-    callbacks.create = [](void *data) {
-        static_cast<Lifecycle *>(data)->creates++;
-        raise(SIGTERM);
-        return true;
-    };
-    EXPECT_EQ(RunService(&seen, callbacks), 0);
-    EXPECT_FALSE(seen.timedOut);
-    EXPECT_EQ(seen.creates, 1);
-    EXPECT_EQ(seen.terminates, 1);
-}
-
-TEST(ServiceLoopTest, FailedCreateSkipsLoopAndTerminate)
-{
-    Lifecycle seen;
-    seen.createResult = false;
-    EXPECT_LT(RunService(&seen), 0);
-    EXPECT_EQ(seen.creates, 1);
-    EXPECT_EQ(seen.terminates, 0);
-}
-
-TEST(ServiceLoopTest, EndedLoopLeavesNoExitPending)
-{
-    Lifecycle first;
-    first.exitInCreate = true;
-    ASSERT_EQ(RunService(&first), 0);
-
-    // A second loop ends only when asked, here from its own idle callback.
-    Lifecycle second;
-    bool stillRunning = false;
-    g_idle_add([](gpointer ran) {
-        *static_cast<bool *>(ran) = true;
-        service_app_exit();
-        return G_SOURCE_REMOVE;
-    }, &stillRunning);
-    EXPECT_EQ(RunService(&second), 0);
-    EXPECT_TRUE(stillRunning);
-    EXPECT_FALSE(second.timedOut);
-}
-
-TEST(ServiceLoopTest, MissingCallbacksAreRefused)
-{
+    // No bus answers here, so the loop runs without application control.
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/hadrix-test-bus", 1);
+    for (End end : {End::ExitInCreate, End::ExitFromAnotherThread, End::SigtermInCreate, End::ExitFromAnotherThread,
+                    End::CreateFails}) {
+        SCOPED_TRACE(static_cast<int>(end));
+        LoopRun run;
+        run.end = end;
+        const int ret = RunService(&run);
+        EXPECT_FALSE(run.timedOut);
+        EXPECT_EQ(run.creates, 1);
+        if (end == End::CreateFails) {
+            EXPECT_LT(ret, 0);
+            EXPECT_EQ(run.terminates, 0) << "a failed create skips the loop and terminate";
+            continue;
+        }
+        EXPECT_EQ(ret, 0);
+        EXPECT_EQ(run.terminates, 1);
+        EXPECT_EQ(run.loopRan, end == End::ExitFromAnotherThread);
+    }
     EXPECT_LT(service_app_main(0, nullptr, nullptr, nullptr), 0);
 }
 

@@ -9,131 +9,84 @@
 
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace {
 
-// Runs the default main context until nothing is ready to run.
-void RunPending()
-{
-    while (g_main_context_iteration(nullptr, FALSE)) {
-    }
-}
+using Labels = std::vector<std::string>;
 
-void RaiseKeyDown(const char *key = "XF86AudioMute")
+void RaiseKeyDown()
 {
     ecore_device_s device{"rc device 0"};
-    ecore_event_key_s event{key, &device};
+    ecore_event_key_s event{"XF86AudioRaiseVolume", &device};
     nimbos::RaiseKeyEvent(ECORE_EVENT_KEY_DOWN, &event);
 }
 
-// A handler that records its label and the key, and answers `result`.
-struct Recorder {
-    explicit Recorder(std::string name, int answer = ECORE_EVENT_CONTINUE) : label(std::move(name)), result(answer) {}
-
+// A handler that records its label (the first also the event), may delete a handler, and answers `result`.
+struct Handler {
+    Handler(const char *name, int answer = ECORE_EVENT_CONTINUE) : label(name), result(answer) {}
     std::string label;
-    std::vector<std::string> *calls = nullptr;
     int result;
-    ecore_event_handler_s *toDelete = nullptr;
-    ecore_event_handler_s *handle = nullptr;
+    Labels *calls = nullptr;
+    ecore_event_handler_s *self = nullptr;
+    ecore_event_handler_s **toDelete = nullptr;
 };
 
 int Record(int type, void *event, void *data)
 {
-    auto *recorder = static_cast<Recorder *>(data);
+    auto *handler = static_cast<Handler *>(data);
     const auto *key = static_cast<const ecore_event_key_s *>(event);
-    recorder->calls->push_back(recorder->label + " " + std::to_string(type) + " " + key->keyname + " " +
-                               key->device->name);
-    if (recorder->toDelete) {
-        ecore_event_handler_del(recorder->toDelete);
-        recorder->toDelete = nullptr;
+    handler->calls->push_back(handler->label);
+    if (handler->calls->size() == 1)
+        handler->calls->push_back(std::to_string(type) + " " + key->keyname + " " + key->device->name);
+    if (handler->toDelete)
+        ecore_event_handler_del(*handler->toDelete);
+    handler->toDelete = nullptr;
+    return handler->result;
+}
+
+// Adds the handlers in order (the one labelled "up" for key-up events), raises two key-down
+// events, deletes what is left, and returns the calls.
+Labels RaiseTwice(std::vector<Handler> &handlers)
+{
+    Labels calls;
+    for (Handler &handler : handlers) {
+        handler.calls = &calls;
+        handler.self = ecore_event_handler_add(handler.label == "up" ? ECORE_EVENT_KEY_UP : ECORE_EVENT_KEY_DOWN,
+                                               Record, &handler);
     }
-    return recorder->result;
-}
-
-class EventHandlers : public ::testing::Test {
-protected:
-    ecore_event_handler_s *Add(Recorder &recorder, int type = ECORE_EVENT_KEY_DOWN)
-    {
-        recorder.calls = &calls;
-        recorder.handle = ecore_event_handler_add(type, Record, &recorder);
-        added.push_back(recorder.handle);
-        return recorder.handle;
-    }
-
-    void TearDown() override
-    {
-        for (ecore_event_handler_s *handler : added)
-            ecore_event_handler_del(handler);
-    }
-
-    std::vector<std::string> calls;
-    std::vector<ecore_event_handler_s *> added;
-};
-
-TEST_F(EventHandlers, RunInAddOrderForTheirTypeOnly)
-{
-    Recorder first{"first"}, up{"up"}, second{"second"};
-    Add(first);
-    Add(up, ECORE_EVENT_KEY_UP);
-    Add(second);
-
-    RaiseKeyDown("XF86AudioRaiseVolume");
-
-    EXPECT_EQ(calls, (std::vector<std::string>{"first 1 XF86AudioRaiseVolume rc device 0",
-                                               "second 1 XF86AudioRaiseVolume rc device 0"}));
-}
-
-TEST_F(EventHandlers, StopEndsTheEventButNotTheNext)
-{
-    Recorder first{"first"}, stopper{"stopper", ECORE_EVENT_STOP}, last{"last"};
-    Add(first);
-    Add(stopper);
-    Add(last);
-
     RaiseKeyDown();
     RaiseKeyDown();
-
-    EXPECT_EQ(calls, (std::vector<std::string>{"first 1 XF86AudioMute rc device 0", "stopper 1 XF86AudioMute rc device 0",
-                                               "first 1 XF86AudioMute rc device 0",
-                                               "stopper 1 XF86AudioMute rc device 0"}));
+    for (Handler &handler : handlers)
+        if (handler.label != "self" && handler.label != "victim")
+            ecore_event_handler_del(handler.self);
+    return calls;
 }
 
-TEST_F(EventHandlers, DeletedInsideAHandlerAreNotCalledAgain)
+TEST(EventHandlers, RunInAddOrderForTheirTypeUntilOneStopsThatEvent)
 {
-    Recorder self{"self"}, deleter{"deleter"}, victim{"victim"}, witness{"witness"};
-    Add(self);
-    self.toDelete = self.handle;
-    Add(deleter);
-    Add(victim);
-    deleter.toDelete = victim.handle;
-    Add(witness);
-    added = {deleter.handle, witness.handle};
-
-    RaiseKeyDown();
-    RaiseKeyDown();
-
-    EXPECT_EQ(calls, (std::vector<std::string>{"self 1 XF86AudioMute rc device 0", "deleter 1 XF86AudioMute rc device 0",
-                                               "witness 1 XF86AudioMute rc device 0",
-                                               "deleter 1 XF86AudioMute rc device 0",
-                                               "witness 1 XF86AudioMute rc device 0"}));
-}
-
-TEST_F(EventHandlers, UnknownTypeAndNullCallbackAreRefused)
-{
-    int data = 0;
-    EXPECT_EQ(ecore_event_handler_add(0, Record, &data), nullptr);
-    EXPECT_EQ(ecore_event_handler_add(3, Record, &data), nullptr);
-    EXPECT_EQ(ecore_event_handler_add(ECORE_EVENT_KEY_UP, nullptr, &data), nullptr);
+    std::vector<Handler> handlers{{"first"}, {"up"}, {"stopper", ECORE_EVENT_STOP}, {"last"}};
+    EXPECT_EQ(RaiseTwice(handlers),
+              (Labels{"first", "1 XF86AudioRaiseVolume rc device 0", "stopper", "first", "stopper"}));
+    EXPECT_EQ(ecore_event_handler_add(0, Record, nullptr), nullptr);
+    EXPECT_EQ(ecore_event_handler_add(3, Record, nullptr), nullptr);
+    EXPECT_EQ(ecore_event_handler_add(ECORE_EVENT_KEY_UP, nullptr, nullptr), nullptr);
     ecore_event_handler_del(nullptr);
+}
+
+TEST(EventHandlers, DeletedInsideAHandlerAreNotCalledAgain)
+{
+    std::vector<Handler> handlers{{"self"}, {"deleter"}, {"victim"}, {"witness"}};
+    handlers[0].toDelete = &handlers[0].self;
+    handlers[1].toDelete = &handlers[2].self;
+    EXPECT_EQ(RaiseTwice(handlers), (Labels{"self", "1 XF86AudioRaiseVolume rc device 0", "deleter", "witness",
+                                            "deleter", "witness"}));
 }
 
 // A job that counts its runs and may delete a job when it runs.
 struct CountedJob {
     int runs = 0;
     ecore_job_s *toDelete = nullptr;
-    ecore_job_s *handle = nullptr;
     GThread *thread = nullptr;
 };
 
@@ -142,56 +95,31 @@ void Count(void *data)
     auto *job = static_cast<CountedJob *>(data);
     ++job->runs;
     job->thread = g_thread_self();
-    if (job->toDelete)
-        ecore_job_del(job->toDelete);
+    ecore_job_del(job->toDelete);
 }
 
-TEST(Jobs, RunOnceOnTheMainLoop)
+TEST(Jobs, RunOnceOnTheMainLoopUnlessDeletedAndNeedACallback)
 {
-    CountedJob job;
-    ASSERT_NE(ecore_job_add(Count, &job), nullptr);
-    EXPECT_EQ(job.runs, 0);
+    CountedJob plain, fromThread, deleted, deleter, victim, self;
+    ASSERT_NE(ecore_job_add(Count, &plain), nullptr);
+    std::thread([&fromThread] { ecore_job_add(Count, &fromThread); }).join();
+    ecore_job_del(ecore_job_add(Count, &deleted));
+    ASSERT_NE(ecore_job_add(Count, &deleter), nullptr);
+    deleter.toDelete = ecore_job_add(Count, &victim);
+    self.toDelete = ecore_job_add(Count, &self);
+    EXPECT_EQ(plain.runs, 0);
 
-    RunPending();
-    RunPending();
+    for (int round = 0; round < 2; ++round)
+        while (g_main_context_iteration(nullptr, FALSE)) {
+        }
 
-    EXPECT_EQ(job.runs, 1);
-}
-
-TEST(Jobs, DeletedJobsNeverRun)
-{
-    // Deleted before the loop ran, by another job, and by itself while running.
-    CountedJob deleted, deleter, victim, self;
-    ecore_job_s *handle = ecore_job_add(Count, &deleted);
-    deleter.handle = ecore_job_add(Count, &deleter);
-    victim.handle = ecore_job_add(Count, &victim);
-    deleter.toDelete = victim.handle;
-    self.handle = ecore_job_add(Count, &self);
-    self.toDelete = self.handle;
-
-    ecore_job_del(handle);
-    RunPending();
-    RunPending();
-
+    EXPECT_EQ(plain.runs, 1);
+    EXPECT_EQ(fromThread.runs, 1);
+    EXPECT_EQ(fromThread.thread, g_thread_self());
     EXPECT_EQ(deleted.runs, 0);
     EXPECT_EQ(deleter.runs, 1);
     EXPECT_EQ(victim.runs, 0);
     EXPECT_EQ(self.runs, 1);
-}
-
-TEST(Jobs, AddedOnAnotherThreadRunOnTheMainLoop)
-{
-    CountedJob job;
-    std::thread([&job] { ecore_job_add(Count, &job); }).join();
-
-    RunPending();
-
-    EXPECT_EQ(job.runs, 1);
-    EXPECT_EQ(job.thread, g_thread_self());
-}
-
-TEST(Jobs, NullCallbackIsRefused)
-{
     EXPECT_EQ(ecore_job_add(nullptr, nullptr), nullptr);
     ecore_job_del(nullptr);
 }

@@ -5,8 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <memory>
+#include <string>
 
 namespace {
 
@@ -14,93 +13,51 @@ constexpr const char *kConfig = "/etc/nimbos/system-info.conf";
 constexpr const char *kDeviceSid = "com.corvel/featureconf/product.device_sid";
 constexpr const char *kTunerSupport = "com.corvel/featureconf/broadcast.removable_rf_tuner_support";
 
-struct FreeDeleter {
-    void operator()(char *text) const { free(text); }
-};
-using Text = std::unique_ptr<char, FreeDeleter>;
-
-class SystemInfoTest : public ::testing::Test {
-protected:
-    void WriteConfig(const std::string &content) { m_root.WriteFile(kConfig, content); }
-
-    TempRoot m_root;
-};
-
-TEST_F(SystemInfoTest, ReadsModelAndFeaturesByFullName)
+std::string Model()
 {
-    WriteConfig("[system]\nmodel=UA55TV\n"
-                "[features]\n"
-                "com.corvel/featureconf/product.device_sid=REP.DEVICE.TV\n"
-                "com.corvel/featureconf/broadcast.removable_rf_tuner_support=false\n"
-                "com.corvel/featureconf/multiview.support=true\n");
+    g_autofree char *raw = nullptr;
+    const int rc = system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw);
+    return rc == SYSTEM_INFO_ERROR_NONE && raw ? raw : rc < 0 && !raw ? "<error>" : "<written on failure>";
+}
 
+// The file is read as it is at each query; a failed query leaves the caller's result alone.
+TEST(SystemInfoTest, ReadsTheFileAsItIsNowAndFailsWithoutTouchingTheResult)
+{
+    TempRoot root;
+    EXPECT_EQ(Model(), "<error>") << "no file";
+    root.WriteFile(kConfig, "[system]\nmodel=UA55TV\n[features]\n"
+                            "com.corvel/featureconf/product.device_sid=REP.DEVICE.TV\n"
+                            "com.corvel/featureconf/broadcast.removable_rf_tuner_support=maybe\n"
+                            "com.corvel/featureconf/multiview.support=true\n");
+    EXPECT_EQ(Model(), "UA55TV");
+    g_autofree char *sid = nullptr;
+    ASSERT_EQ(system_info_get_feature_string(kDeviceSid, &sid), SYSTEM_INFO_ERROR_NONE);
+    EXPECT_STREQ(sid, "REP.DEVICE.TV");
     char *raw = nullptr;
-    ASSERT_EQ(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), SYSTEM_INFO_ERROR_NONE);
-    EXPECT_STREQ(Text(raw).get(), "UA55TV");
+    EXPECT_LT(system_info_get_feature_string("com.corvel/featureconf/absent", &raw), 0);
+    EXPECT_EQ(raw, nullptr);
+    bool flag = false;
+    ASSERT_EQ(system_info_get_feature_bool("com.corvel/featureconf/multiview.support", &flag), SYSTEM_INFO_ERROR_NONE);
+    EXPECT_TRUE(flag);
+    EXPECT_LT(system_info_get_feature_bool(kTunerSupport, &flag), 0) << "not a boolean";
+    EXPECT_LT(system_info_get_feature_bool("com.corvel/featureconf/absent", &flag), 0);
+    EXPECT_TRUE(flag);
 
-    ASSERT_EQ(system_info_get_feature_string(kDeviceSid, &raw), SYSTEM_INFO_ERROR_NONE);
-    EXPECT_STREQ(Text(raw).get(), "REP.DEVICE.TV");
-
-    bool flag = true;
+    root.WriteFile(kConfig, "[system]\nmodel=SECOND\n[features]\n"
+                            "com.corvel/featureconf/broadcast.removable_rf_tuner_support=false\n");
+    EXPECT_EQ(Model(), "SECOND");
     ASSERT_EQ(system_info_get_feature_bool(kTunerSupport, &flag), SYSTEM_INFO_ERROR_NONE);
     EXPECT_FALSE(flag);
-    ASSERT_EQ(system_info_get_feature_bool("com.corvel/featureconf/multiview.support", &flag),
-              SYSTEM_INFO_ERROR_NONE);
-    EXPECT_TRUE(flag);
+    root.WriteFile(kConfig, "[features]\n");
+    EXPECT_EQ(Model(), "<error>") << "no model";
+    root.WriteFile(kConfig, "model without a group\n");
+    EXPECT_EQ(Model(), "<error>") << "unparsable";
 }
 
-TEST_F(SystemInfoTest, SeesAnEditedFileAtOnce)
+TEST(SystemInfoTest, RefusesBadArguments)
 {
-    WriteConfig("[system]\nmodel=FIRST\n");
-    char *raw = nullptr;
-    ASSERT_EQ(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), SYSTEM_INFO_ERROR_NONE);
-    EXPECT_STREQ(Text(raw).get(), "FIRST");
-
-    WriteConfig("[system]\nmodel=SECOND\n");
-    ASSERT_EQ(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), SYSTEM_INFO_ERROR_NONE);
-    EXPECT_STREQ(Text(raw).get(), "SECOND");
-}
-
-TEST_F(SystemInfoTest, MissingFileFailsEveryQuery)
-{
-    char *raw = nullptr;
-    bool flag = false;
-    EXPECT_LT(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), 0);
-    EXPECT_LT(system_info_get_feature_string(kDeviceSid, &raw), 0);
-    EXPECT_LT(system_info_get_feature_bool(kTunerSupport, &flag), 0);
-    EXPECT_EQ(raw, nullptr);
-}
-
-TEST_F(SystemInfoTest, MissingKeyOrGroupFails)
-{
-    WriteConfig("[features]\ncom.corvel/featureconf/product.device_sid=REP.DEVICE.TV\n");
-    char *raw = nullptr;
-    bool flag = false;
-    EXPECT_LT(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), 0);
-    EXPECT_LT(system_info_get_feature_string("com.corvel/featureconf/absent", &raw), 0);
-    EXPECT_LT(system_info_get_feature_bool(kTunerSupport, &flag), 0);
-    EXPECT_EQ(raw, nullptr);
-}
-
-TEST_F(SystemInfoTest, NonBooleanValueFailsAndLeavesResultAlone)
-{
-    WriteConfig("[features]\ncom.corvel/featureconf/broadcast.removable_rf_tuner_support=maybe\n");
-    bool flag = true;
-    EXPECT_LT(system_info_get_feature_bool(kTunerSupport, &flag), 0);
-    EXPECT_TRUE(flag);
-}
-
-TEST_F(SystemInfoTest, UnparsableFileFails)
-{
-    WriteConfig("model without a group\n");
-    char *raw = nullptr;
-    EXPECT_LT(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, &raw), 0);
-    EXPECT_EQ(raw, nullptr);
-}
-
-TEST_F(SystemInfoTest, RefusesBadArguments)
-{
-    WriteConfig("[system]\nmodel=UA55TV\n");
+    TempRoot root;
+    root.WriteFile(kConfig, "[system]\nmodel=UA55TV\n");
     char *raw = nullptr;
     bool flag = false;
     EXPECT_EQ(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, nullptr), SYSTEM_INFO_ERROR_INVALID_PARAMETER);

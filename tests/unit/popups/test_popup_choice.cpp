@@ -36,15 +36,11 @@ std::string Describe(const std::optional<DevicePopup> &popup, const std::vector<
     return devices[popup->index].strProductName + " kind " + std::to_string(popup->type);
 }
 
-TEST(PopupAfterRemovalTest, NoDeviceNoPopup)
-{
-    EXPECT_FALSE(CUsbPopupChoice::ChooseAfterRemoval({}, {}));
-}
-
-TEST(PopupAfterRemovalTest, DevicesSharingAPortGetTheNoisePopup)
+TEST(PopupAfterRemovalTest, NoiseOnASharedPortComesFirst)
 {
     std::vector<USBDeviceInfo> devices = {Device("A", 1, 1), Untold(Device("B", 2, 1)), Device("C", 2, 2)};
     EXPECT_EQ(Describe(CUsbPopupChoice::ChooseAfterRemoval(devices, {}), devices), "B kind 2");
+    EXPECT_FALSE(CUsbPopupChoice::ChooseAfterRemoval({}, {})) << "no device, no popup";
 }
 
 TEST(PopupAfterRemovalTest, AnUntoldMixerFailureComesBeforeConnected)
