@@ -15,13 +15,7 @@ constexpr int kRecord = 327; // bytes of one record on the wire
 USBDeviceInfo Device(const std::string &product, device_status status, uint32_t timeStamp,
                      const std::string &manufacturer = "Maker")
 {
-    USBDeviceInfo info;
-    info.strProductName = product;
-    info.strManufature = manufacturer;
-    info.strDevPath = "/dev/bus/usb/001/" + product;
-    info.eStatus = status;
-    info.timeStamp = timeStamp;
-    return info;
+    return {product, 0, 0, "/dev/bus/usb/001/" + product, manufacturer, 0, status, timeStamp};
 }
 
 // A filled list, read as the bytes a client receives.
