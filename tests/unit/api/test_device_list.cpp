@@ -1,5 +1,5 @@
 // The device list for client applications: its wire layout and which devices it shows.
-#include <cstddef>
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -10,31 +10,28 @@
 
 namespace {
 
-USBDeviceInfo Device(const std::string &product, const std::string &manufacturer,
-                     device_status status, uint32_t timeStamp)
+constexpr int kRecord = 327; // bytes of one record on the wire
+
+USBDeviceInfo Device(const std::string &product, device_status status, uint32_t timeStamp,
+                     const std::string &manufacturer = "Maker")
 {
-    USBDeviceInfo info;
-    info.strProductName = product;
-    info.strManufature = manufacturer;
-    info.strDevPath = "/dev/bus/usb/001/" + product;
-    info.eStatus = status;
-    info.timeStamp = timeStamp;
-    return info;
+    return {product, 0, 0, "/dev/bus/usb/001/" + product, manufacturer, 0, status, timeStamp};
 }
 
-const uint8_t *Bytes(const HadrixDeviceListInfo_t &list, int record)
-{
-    return reinterpret_cast<const uint8_t *>(&list) + record * 327;
-}
-
-std::string Text(const uint8_t *at)
-{
-    return reinterpret_cast<const char *>(at);
-}
-
+// A filled list, read as the bytes a client receives.
 struct Filled {
     HadrixDeviceListInfo_t list{};
     int count = 0;
+
+    const uint8_t *At(int record, int offset = 0) const
+    {
+        return reinterpret_cast<const uint8_t *>(&list) + record * kRecord + offset;
+    }
+    std::string Text(int record, int offset) const { return reinterpret_cast<const char *>(At(record, offset)); }
+    bool ZeroFrom(int record, int offset = 0) const
+    {
+        return std::all_of(At(record, offset), At(kNetDeviceListCapacity), [](uint8_t b) { return b == 0; });
+    }
 };
 
 Filled Fill(std::vector<USBDeviceInfo> devices, int32_t volume = 0)
@@ -44,94 +41,56 @@ Filled Fill(std::vector<USBDeviceInfo> devices, int32_t volume = 0)
     return filled;
 }
 
-} // namespace
-
-TEST(NetDeviceRecord, FieldsSitAtTheirWireOffsets)
+TEST(NetDeviceList, DeviceInUseIsWrittenByteForByte)
 {
-    EXPECT_EQ(offsetof(HadrixDeviceRecord_t, selected), 0u);
-    EXPECT_EQ(offsetof(HadrixDeviceRecord_t, type), 1u);
-    EXPECT_EQ(offsetof(HadrixDeviceRecord_t, connectStatus), 15u);
-    EXPECT_EQ(offsetof(HadrixDeviceRecord_t, volumeLevel), 35u);
-    EXPECT_EQ(offsetof(HadrixDeviceRecord_t, productName), 39u);
-    EXPECT_EQ(offsetof(HadrixDeviceRecord_t, manufacturer), 167u);
-    EXPECT_EQ(offsetof(HadrixDeviceRecord_t, reserved), 295u);
-}
-
-TEST(NetDeviceRecord, DeviceInUseIsWrittenByteForByte)
-{
-    const Filled filled = Fill({Device("Evolve 20", "Jabra", DEVICE_STATUS_USING, 5)}, 0x01020302);
+    const Filled filled = Fill({Device("Evolve 20", DEVICE_STATUS_USING, 5, "Jabra")}, 0x01020302);
     ASSERT_EQ(filled.count, 1);
-    const uint8_t *record = Bytes(filled.list, 0);
-    EXPECT_EQ(record[0], 1);
-    EXPECT_EQ(Text(record + 1), "USB Headphone");
-    EXPECT_EQ(Text(record + 15), "connected");
+    EXPECT_EQ(*filled.At(0), 1);
+    EXPECT_EQ(filled.Text(0, 1), "USB Headphone");
+    EXPECT_EQ(filled.Text(0, 15), "connected");
     const uint8_t volume[4] = {0x02, 0x03, 0x02, 0x01}; // 0x01020302, little-endian
-    EXPECT_EQ(memcmp(record + 35, volume, 4), 0);
-    EXPECT_EQ(Text(record + 39), "Evolve 20 (USB)");
-    EXPECT_EQ(Text(record + 167), "Jabra");
-    for (int offset = 295; offset < 327; ++offset)
-        EXPECT_EQ(record[offset], 0) << "reserved byte " << offset;
-    // The next record stays clear.
-    for (int offset = 0; offset < 327; ++offset)
-        EXPECT_EQ(Bytes(filled.list, 1)[offset], 0);
+    EXPECT_EQ(memcmp(filled.At(0, 35), volume, 4), 0);
+    EXPECT_EQ(filled.Text(0, 39), "Evolve 20 (USB)");
+    EXPECT_EQ(filled.Text(0, 167), "Jabra");
+    EXPECT_TRUE(filled.ZeroFrom(0, 295)) << "the reserved bytes and the records after it stay clear";
 }
 
-TEST(NetDeviceRecord, IdleDeviceIsDisconnectedAndNotSelected)
-{
-    const Filled filled = Fill({Device("H390 USB Headset", "Logitech", DEVICE_STATUS_IDLE, 1)}, 7);
-    ASSERT_EQ(filled.count, 1);
-    const uint8_t *record = Bytes(filled.list, 0);
-    EXPECT_EQ(record[0], 0);
-    EXPECT_EQ(Text(record + 15), "disconnected");
-    int32_t volume = 0;
-    memcpy(&volume, record + 35, 4);
-    EXPECT_EQ(volume, 7);
-}
-
-TEST(NetDeviceRecord, LongTextsAreCutInsideTheirFields)
+TEST(NetDeviceList, LongTextsAreCutInsideTheirFields)
 {
     const std::string name(122, 'n');
     const std::string manufacturer(200, 'm');
-    const Filled filled = Fill({Device(name, manufacturer, DEVICE_STATUS_USING, 1)});
-    const uint8_t *record = Bytes(filled.list, 0);
+    const Filled filled = Fill({Device(name, DEVICE_STATUS_USING, 1, manufacturer)});
     // 122 + " (USB)" is 128 characters: the last one gives way to the terminator.
-    EXPECT_EQ(Text(record + 39), name + " (USB");
-    EXPECT_EQ(record[39 + 127], 0);
-    EXPECT_EQ(Text(record + 167), manufacturer.substr(0, 127));
-    EXPECT_EQ(record[167 + 127], 0);
-    EXPECT_EQ(record[295], 0);
+    EXPECT_EQ(filled.Text(0, 39), name + " (USB");
+    EXPECT_EQ(filled.Text(0, 167), manufacturer.substr(0, 127));
+    EXPECT_TRUE(filled.ZeroFrom(0, 295));
 }
 
-TEST(NetDeviceList, NoDevicesFillNothing)
+TEST(NetDeviceList, DevicesInUseComeFirstThenTheOldestOthersAtMostTwo)
 {
-    const Filled filled = Fill({});
-    EXPECT_EQ(filled.count, 0);
-    const HadrixDeviceListInfo_t zero{};
-    EXPECT_EQ(memcmp(&filled.list, &zero, sizeof zero), 0);
+    EXPECT_EQ(Fill({}).count, 0);
+    EXPECT_TRUE(Fill({}).ZeroFrom(0));
+
+    // Listed newest first; two others are older than the one in use.
+    const Filled mixed = Fill({Device("C", DEVICE_STATUS_IDLE, 30), Device("InUse", DEVICE_STATUS_USING, 20),
+                               Device("A", DEVICE_STATUS_IDLE, 10), Device("B", DEVICE_STATUS_RELEASED, 15)},
+                              7);
+    ASSERT_EQ(mixed.count, 2);
+    EXPECT_EQ(mixed.Text(0, 39), "InUse (USB)");
+    EXPECT_EQ(mixed.Text(1, 39), "A (USB)");
+    EXPECT_EQ(*mixed.At(1), 0) << "not selected";
+    EXPECT_EQ(mixed.Text(1, 15), "disconnected");
+    int32_t volume = 0;
+    memcpy(&volume, mixed.At(1, 35), 4);
+    EXPECT_EQ(volume, 7);
+    EXPECT_TRUE(mixed.ZeroFrom(2));
+
+    const Filled inUse = Fill({Device("Third", DEVICE_STATUS_USING, 3), Device("First", DEVICE_STATUS_USING, 1),
+                               Device("Second", DEVICE_STATUS_USING, 2)});
+    ASSERT_EQ(inUse.count, 2);
+    EXPECT_EQ(inUse.Text(0, 39), "First (USB)");
+    EXPECT_EQ(inUse.Text(1, 39), "Second (USB)");
+    EXPECT_TRUE(inUse.ZeroFrom(2));
 }
 
-TEST(NetDeviceList, DevicesInUseComeFirstThenTheOldestOthers)
-{
-    // Listed newest first; two idle devices are older than the one in use.
-    const Filled filled = Fill({Device("C", "c", DEVICE_STATUS_IDLE, 30),
-                                Device("InUse", "u", DEVICE_STATUS_USING, 20),
-                                Device("A", "a", DEVICE_STATUS_RELEASED, 10),
-                                Device("B", "b", DEVICE_STATUS_IDLE, 15)});
-    ASSERT_EQ(filled.count, 2);
-    EXPECT_EQ(Text(Bytes(filled.list, 0) + 39), "InUse (USB)");
-    EXPECT_EQ(Text(Bytes(filled.list, 1) + 39), "A (USB)");
-    EXPECT_EQ(Bytes(filled.list, 1)[0], 0);
-    EXPECT_EQ(Bytes(filled.list, 2)[39], 0) << "a third record was written";
-}
-
-TEST(NetDeviceList, NeverMoreThanTwoEvenWithThreeInUse)
-{
-    const Filled filled = Fill({Device("Third", "t", DEVICE_STATUS_USING, 3),
-                                Device("First", "f", DEVICE_STATUS_USING, 1),
-                                Device("Second", "s", DEVICE_STATUS_USING, 2)});
-    ASSERT_EQ(filled.count, 2);
-    EXPECT_EQ(Text(Bytes(filled.list, 0) + 39), "First (USB)");
-    EXPECT_EQ(Text(Bytes(filled.list, 1) + 39), "Second (USB)");
-    for (int offset = 0; offset < 327 * 6; ++offset)
-        ASSERT_EQ(Bytes(filled.list, 2)[offset], 0);
-}
+} // namespace

@@ -16,42 +16,10 @@ struct SyntheticKernelLog {
     std::map<std::string, uint32_t> ports;
 };
 
-namespace synthetic_klog {
-
-class Writer {
-public:
-    explicit Writer(uint32_t seed) : m_state(seed ? seed : 1) {}
-
-    // Appends one line stamped a little later than the previous one; returns its time in ms.
-    uint32_t Line(int level, const std::string &message)
-    {
-        m_us += 50 + Next() % 20000;
-        char stamp[48];
-        snprintf(stamp, sizeof stamp, "<%d>[%llu.%06llu] ", level, static_cast<unsigned long long>(m_us / 1000000),
-                 static_cast<unsigned long long>(m_us % 1000000));
-        m_text += stamp;
-        m_text += message;
-        m_text += '\n';
-        return static_cast<uint32_t>(m_us / 1000);
-    }
-
-    uint32_t Next()
-    {
-        m_state = m_state * 1103515245u + 12345u;
-        return m_state >> 8;
-    }
-
-    std::string &Text() { return m_text; }
-
-private:
-    uint32_t m_state;
-    uint64_t m_us = 0;
-    std::string m_text;
-};
-
-inline const char *OrdinaryLine(uint32_t pick)
+// A log of at least `bytes` bytes; about one line in 40 is part of a USB plug or unplug.
+inline SyntheticKernelLog MakeSyntheticKernelLog(size_t bytes, uint32_t seed = 7)
 {
-    static const char *const lines[] = {
+    static const char *const ordinary[] = {
         "ext4-fs (mmcblk0p21): mounted filesystem with ordered data mode. Opts: (null)",
         "[sdp_audio] set main out volume 12, mute 0",
         "binder: 1834:2210 transaction failed 29189/-22, size 0-0 line 3011",
@@ -65,59 +33,51 @@ inline const char *OrdinaryLine(uint32_t pick)
         "[TZ] thermal zone 0 temp 51000 trip 95000",
         "cfg80211: Loading compiled-in X.509 certificates for regulatory database",
     };
-    return lines[pick % (sizeof lines / sizeof lines[0])];
-}
-
-struct PortState {
-    uint32_t detected = UINT32_MAX;
-    uint32_t lastDisconnect = 0;
-    bool everDisconnected = false;
-    int deviceNumber = 0;
-};
-
-} // namespace synthetic_klog
-
-// A log of at least `bytes` bytes; about one line in 40 is part of a USB plug or unplug.
-inline SyntheticKernelLog MakeSyntheticKernelLog(size_t bytes, uint32_t seed = 7)
-{
-    using namespace synthetic_klog;
     static const char *const ports[] = {"1-1", "1-2.1", "1-2.3", "2-1", "1-1.4.2"};
-    constexpr size_t portCount = sizeof ports / sizeof ports[0];
 
     SyntheticKernelLog log;
-    Writer writer(seed);
-    std::map<std::string, PortState> state;
-    writer.Line(5, "Booting Linux on physical CPU 0x0");
-    writer.Line(6, "usbcore: registered new device driver usb");
-    log.coreInitMs = writer.Line(6, "usb_enable mod ld");
-    int deviceNumber = 2;
+    uint32_t state = seed ? seed : 1;
+    auto next = [&state] {
+        state = state * 1103515245u + 12345u;
+        return state >> 8;
+    };
+    uint64_t us = 0;
+    // Appends one line stamped a little later than the previous one; returns its time in ms.
+    auto line = [&](int level, const std::string &message) {
+        us += 50 + next() % 20000;
+        char stamp[48];
+        snprintf(stamp, sizeof stamp, "<%d>[%llu.%06llu] ", level, static_cast<unsigned long long>(us / 1000000),
+                 static_cast<unsigned long long>(us % 1000000));
+        log.text += stamp + message + '\n';
+        return static_cast<uint32_t>(us / 1000);
+    };
+    line(5, "Booting Linux on physical CPU 0x0");
+    line(6, "usbcore: registered new device driver usb");
+    log.coreInitMs = line(6, "usb_enable mod ld");
 
-    while (writer.Text().size() < bytes) {
-        uint32_t pick = writer.Next();
+    std::map<std::string, int> plugged; // port → its device number
+    int deviceNumber = 2;
+    while (log.text.size() < bytes) {
+        uint32_t pick = next();
         if (pick % 40 != 0) {
-            writer.Line(pick % 3 ? 6 : 4, OrdinaryLine(pick / 40));
+            line(pick % 3 ? 6 : 4, ordinary[(pick / 40) % (sizeof ordinary / sizeof ordinary[0])]);
             continue;
         }
-        const std::string port = ports[(pick / 40) % portCount];
-        PortState &ps = state[port];
-        if (ps.deviceNumber == 0) {
-            ps.deviceNumber = deviceNumber++;
-            ps.detected = writer.Line(6, "usb " + port + ": new full-speed USB device number " +
-                                             std::to_string(ps.deviceNumber) + " using xhci_hcd");
-            writer.Line(6, "usb " + port + ": New USB device found, idVendor=0d8c, idProduct=0014, bcdDevice= 1.00");
-            writer.Line(6, "usb " + port + ": Product: USB Audio Device");
+        const std::string port = ports[(pick / 40) % (sizeof ports / sizeof ports[0])];
+        const std::string usb = "usb " + port + ": ";
+        auto device = plugged.find(port);
+        if (device == plugged.end()) {
+            plugged[port] = deviceNumber;
+            log.ports[port] =
+                line(6, usb + "new full-speed USB device number " + std::to_string(deviceNumber++) + " using xhci_hcd");
+            line(6, usb + "New USB device found, idVendor=0d8c, idProduct=0014, bcdDevice= 1.00");
+            line(6, usb + "Product: USB Audio Device");
         } else {
-            writer.Line(6, "usb " + port + ": USB disconnect, device number " + std::to_string(ps.deviceNumber));
-            ps.lastDisconnect = writer.Line(6, "usb " + port + ": USB disconnect completed");
-            ps.everDisconnected = true;
-            ps.deviceNumber = 0;
+            line(6, usb + "USB disconnect, device number " + std::to_string(device->second));
+            line(6, usb + "USB disconnect completed");
+            plugged.erase(device);
+            log.ports.erase(port);
         }
     }
-    for (const auto &entry : state) {
-        const PortState &ps = entry.second;
-        if (ps.detected != UINT32_MAX && !(ps.everDisconnected && ps.detected < ps.lastDisconnect))
-            log.ports[entry.first] = ps.detected;
-    }
-    log.text = std::move(writer.Text());
     return log;
 }

@@ -1,49 +1,34 @@
 // Arguments of the mixer debug commands and the card number of "setMaxVolume".
 #include <gtest/gtest.h>
 
+#include <string>
+#include <tuple>
+#include <utility>
+
 #include "DebugCommand.h"
 
 namespace {
 
-struct Parsed {
-    bool ok;
-    MixerCommandArgs args;
-    std::string reason;
-};
-
-Parsed Parse(const std::string &text, bool withValue)
-{
-    Parsed parsed{};
-    parsed.ok = ParseMixerCommandArgs(text, withValue, parsed.args, parsed.reason);
-    return parsed;
-}
-
 TEST(MixerCommandArgs, SplitsCardControlAndValue)
 {
-    Parsed set = Parse("  1   numid=3   80%  ", true);
-    ASSERT_TRUE(set.ok) << set.reason;
-    EXPECT_EQ(set.args.card, 1);
-    EXPECT_EQ(set.args.control, "numid=3");
-    EXPECT_EQ(set.args.value, "80%");
-
-    Parsed quoted = Parse("2 name='PCM Playback Volume' 100,90", true);
-    ASSERT_TRUE(quoted.ok) << quoted.reason;
-    EXPECT_EQ(quoted.args.card, 2);
-    EXPECT_EQ(quoted.args.control, "name='PCM Playback Volume'");
-    EXPECT_EQ(quoted.args.value, "100,90");
-
-    Parsed get = Parse("0 iface=MIXER,name=\"Headset Playback Switch\"", false);
-    ASSERT_TRUE(get.ok) << get.reason;
-    EXPECT_EQ(get.args.card, 0);
-    EXPECT_EQ(get.args.control, "iface=MIXER,name=\"Headset Playback Switch\"");
-    EXPECT_EQ(get.args.value, "");
-}
-
-TEST(MixerCommandArgs, ValueKeepsItsInnerSpaces)
-{
-    Parsed set = Parse("1 numid=4 on, off", true);
-    ASSERT_TRUE(set.ok) << set.reason;
-    EXPECT_EQ(set.args.value, "on, off");
+    struct Case {
+        const char *text;
+        bool withValue;
+        int card;
+        const char *control, *value;
+    };
+    const Case cases[] = {
+        {"  1   numid=3   80%  ", true, 1, "numid=3", "80%"},
+        {"2 name='PCM Playback Volume' 100,90", true, 2, "name='PCM Playback Volume'", "100,90"},
+        {"0 iface=MIXER,name=\"Headset Switch\"", false, 0, "iface=MIXER,name=\"Headset Switch\"", ""},
+        {"1 numid=4 on, off", true, 1, "numid=4", "on, off"}}; // the value keeps its inner blanks
+    for (const Case &c : cases) {
+        MixerCommandArgs args;
+        std::string reason;
+        ASSERT_TRUE(ParseMixerCommandArgs(c.text, c.withValue, args, reason)) << c.text << ": " << reason;
+        EXPECT_EQ(std::tie(args.card, args.control, args.value),
+                  std::make_tuple(c.card, std::string(c.control), std::string(c.value)));
+    }
 }
 
 TEST(MixerCommandArgs, RefusesMalformedValuesWithTheReason)
@@ -54,17 +39,11 @@ TEST(MixerCommandArgs, RefusesMalformedValuesWithTheReason)
         const char *reason;
     };
     const Case cases[] = {
-        {"", false, "no card number"},
-        {"   ", true, "no card number"},
-        {"x numid=3", false, "is not a number"},
-        {"-1 numid=3", false, "is not a number"},
-        {"32 numid=3", false, "from 0 to 31"},
-        {"123456789012 numid=3", false, "is not a number"},
-        {"1", false, "no control identifier"},
-        {"1 name='PCM Playback Volume", false, "unterminated quote"},
-        {"1 numid=3", true, "no value"},
-        {"1 numid=3   ", true, "no value"},
-        {"1 numid=3 80%", false, "unexpected text"},
+        {"", false, "no card number"}, {"   ", true, "no card number"}, {"x numid=3", false, "is not a number"},
+        {"-1 numid=3", false, "is not a number"}, {"123456789012 numid=3", false, "is not a number"},
+        {"32 numid=3", false, "from 0 to 31"}, {"1", false, "no control identifier"},
+        {"1 name='PCM Playback Volume", false, "unterminated quote"}, {"1 numid=3", true, "no value"},
+        {"1 numid=3   ", true, "no value"}, {"1 numid=3 80%", false, "unexpected text"},
     };
     for (const Case &c : cases) {
         MixerCommandArgs args;
@@ -78,13 +57,10 @@ TEST(MixerCommandArgs, RefusesMalformedValuesWithTheReason)
 
 TEST(CardNumber, DecimalTextOrZero)
 {
-    EXPECT_EQ(ParseCardNumber("1"), 1);
-    EXPECT_EQ(ParseCardNumber("12"), 12);
-    EXPECT_EQ(ParseCardNumber("-3"), -3);
-    EXPECT_EQ(ParseCardNumber(""), 0);
-    EXPECT_EQ(ParseCardNumber("abc"), 0);
-    EXPECT_EQ(ParseCardNumber("2x"), 0);
-    EXPECT_EQ(ParseCardNumber("99999999999999999999"), 0);
+    const std::pair<const char *, int> cases[] = {{"1", 1},   {"12", 12}, {"-3", -3}, {"", 0},
+                                                  {"abc", 0}, {"2x", 0},  {"99999999999999999999", 0}};
+    for (const auto &c : cases)
+        EXPECT_EQ(ParseCardNumber(c.first), c.second) << c.first;
 }
 
 } // namespace
