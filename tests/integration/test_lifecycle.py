@@ -8,24 +8,16 @@ from simtv.bus import HADRIX_BUS_NAME, launch
 from simtv.log import RED
 
 
-def first_index(daemon, text):
-    lines = daemon.log.lines()
-    return next((i for i, line in enumerate(lines) if text in line), None)
-
-
 def test_startup_runs_in_order_and_creates_the_service(daemon):
     hadrix = daemon.start()
 
-    order = ['hadrix main', 'setlocale re', 'bindtextdomain re', 'hadrix loop start',
-             'service_app_create']
-    positions = [first_index(hadrix, text) for text in order]
-    assert None not in positions, dict(zip(order, positions))
-    assert positions == sorted(positions), dict(zip(order, positions))
+    order = ['hadrix main', 'setlocale re', 'bindtextdomain re', 'hadrix loop start', 'service_app_create']
+    lines = hadrix.log.lines()
+    positions = [next((i for i, line in enumerate(lines) if text in line), None) for text in order]
+    assert None not in positions and positions == sorted(positions), dict(zip(order, positions))
 
     main = hadrix.log.find('hadrix main')[0]
-    assert (main.prio, main.tag, main.pid) == ('E', 'hadrix', hadrix.pid)
-    assert main.colour == RED
-    assert main.file == 'src/main.cpp'
+    assert (main.prio, main.tag, main.pid, main.colour, main.file) == ('E', 'hadrix', hadrix.pid, RED, 'src/main.cpp')
 
 
 @pytest.mark.parametrize('volume, mute, logged', [

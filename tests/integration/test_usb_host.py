@@ -5,8 +5,6 @@ a card that was present goes."""
 import os
 import signal
 
-import pytest
-
 from simtv import paths
 
 
@@ -51,20 +49,6 @@ class Monitor:
         return [(action, parse(fields)) for action, *fields in events if fields[0] != devpath(marker)]
 
 
-@pytest.fixture
-def monitor(launcher, testbed):
-    """Starts usb-monitor and waits until it listens; at the end it must stop cleanly on SIGTERM."""
-    started = []
-
-    def start():
-        started.append(launcher.start(paths.program('hadrix-probe'), ['usb-monitor', 50], label='usb-monitor'))
-        started[-1].wait_for_output('ready')
-        return Monitor(started[-1], testbed)
-    yield start
-    for process in started:
-        assert process.stop() == 0, process.log.dump()
-
-
 def test_list_holds_ready_usb_cards_described_by_interface_and_device(testbed, probe):
     testbed.add_onboard_card(card=0)
     pending = testbed.add_headset(card=1, port='1-1', devnum=2, initialized=False)
@@ -80,39 +64,36 @@ def test_list_holds_ready_usb_cards_described_by_interface_and_device(testbed, p
     assert usb_list(probe) == [described(pending, 2), webcam_fields]
 
 
-def test_card_is_announced_once_it_is_ready_and_only_then(testbed, monitor):
-    watch = monitor()
+def test_monitor_announces_each_ready_card_once_with_its_device_also_once_gone(testbed, launcher):
+    present = testbed.add_headset(card=3, port='1-3', devnum=6)
+    process = launcher.start(paths.program('hadrix-probe'), ['usb-monitor', 50], label='usb-monitor')
+    process.wait_for_output('ready')
+    watch = Monitor(process, testbed)
+
     testbed.add_onboard_card(card=0)
     never_ready = testbed.add_headset(card=2, port='1-2', devnum=3, initialized=False)
     testbed.remove(never_ready)
-    headset = testbed.add_headset(card=1, initialized=False)
+    pending = testbed.add_headset(card=1, initialized=False)
     assert watch.settled_events() == []
+    testbed.initialize(pending)
+    watch.wait_for('added', pending)
+    testbed.initialize(pending)  # a later change of a card already announced
 
-    testbed.initialize(headset)
-    watch.wait_for('added', headset)
-    testbed.initialize(headset)  # a later change of a card already announced
-    testbed.remove(headset)
-    watch.wait_for('removed', headset)
-
-    assert watch.settled_events() == [('added', described(headset, 2)), ('removed', described(headset, 2))]
-
-
-def test_hotplug_reports_each_card_with_its_device_also_once_gone(testbed, monitor):
-    present = testbed.add_headset(card=3, port='1-3', devnum=6)
-    watch = monitor()
-
-    testbed.add_hub(port='1-1', devnum=2)
-    first = testbed.add_headset(card=1, vid='1395', pid='0025', product='PC 8 USB', manufacturer='Sennheiser',
-                                port='1-1.1', devnum=4)
-    second = testbed.add_headset(card=2, port='1-1.2', devnum=5)
+    testbed.add_hub(port='1-4', devnum=4)
+    first = testbed.add_headset(card=4, vid='1395', pid='0025', product='PC 8 USB', manufacturer='Sennheiser',
+                                port='1-4.1', devnum=5)
+    second = testbed.add_headset(card=5, port='1-4.2', devnum=7)
     watch.wait_for('added', second)
     # The whole device is gone before the monitor hears of it: the removal still describes the
     # card as it was.
-    os.kill(watch.process.pid, signal.SIGSTOP)
+    os.kill(process.pid, signal.SIGSTOP)
     testbed.remove(first)
-    os.kill(watch.process.pid, signal.SIGCONT)
+    os.kill(process.pid, signal.SIGCONT)
     testbed.remove(present)
+    testbed.remove(pending)
 
-    first_fields = described(first, 4, '1395', '0025', 'PC 8 USB', 'Sennheiser')
-    assert watch.settled_events() == [('added', first_fields), ('added', described(second, 5)),
-                                      ('removed', first_fields), ('removed', described(present, 6))]
+    first_fields = described(first, 5, '1395', '0025', 'PC 8 USB', 'Sennheiser')
+    assert watch.settled_events() == [
+        ('added', described(pending, 2)), ('added', first_fields), ('added', described(second, 7)),
+        ('removed', first_fields), ('removed', described(present, 6)), ('removed', described(pending, 2))]
+    assert process.stop() == 0, process.log.dump()
