@@ -8,81 +8,52 @@ from simtv.bus import HADRIX_BUS_NAME, launch
 from simtv.log import RED
 
 
-def first_index(daemon, text):
-    lines = daemon.log.lines()
-    return next((i for i, line in enumerate(lines) if text in line), None)
-
-
 def test_startup_runs_in_order_and_creates_the_service(daemon):
     hadrix = daemon.start()
 
-    order = ['hadrix main', 'setlocale re', 'bindtextdomain re', 'hadrix loop start',
-             'service_app_create']
-    positions = [first_index(hadrix, text) for text in order]
-    assert None not in positions, dict(zip(order, positions))
-    assert positions == sorted(positions), dict(zip(order, positions))
+    order = ['hadrix main', 'setlocale re', 'bindtextdomain re', 'hadrix loop start', 'service_app_create']
+    lines = hadrix.log.lines()
+    positions = [next((i for i, line in enumerate(lines) if text in line), None) for text in order]
+    assert None not in positions and positions == sorted(positions), dict(zip(order, positions))
 
     main = hadrix.log.find('hadrix main')[0]
-    assert (main.prio, main.tag, main.pid) == ('E', 'hadrix', hadrix.pid)
-    assert main.colour == RED
-    assert main.file == 'src/main.cpp'
+    assert (main.prio, main.tag, main.pid, main.colour, main.file) == ('E', 'hadrix', hadrix.pid, RED, 'src/main.cpp')
 
 
-@pytest.mark.parametrize('stored, logged', [
-    (None, 'fail to get usb sound volume, set to default :50'),
-    (120, 'get usb sound volume level 120'),
-    (0, 'get usb sound volume level 0'),
-])
-def test_create_brings_up_stored_volume(daemon, hadrix_root, stored, logged):
-    if stored is not None:
-        hadrix_root.set_setting('db/hadrix/volume_level', stored)
+@pytest.mark.parametrize('volume, mute, logged', [
+    (None, None, ['fail to get usb sound volume, set to default :50', 'get usb sound mute state  0']),
+    (120, 1, ['get usb sound volume level 120', 'get usb sound mute state  1']),
+    (0, 0, ['get usb sound volume level 0', 'get usb sound mute state  0']),
+], ids=['unset', 'set', 'zero'])
+def test_create_brings_up_stored_volume_and_mute(daemon, hadrix_root, volume, mute, logged):
+    for key, value in (('db/hadrix/volume_level', volume), ('db/hadrix/volume_mute_status', mute)):
+        if value is not None:
+            hadrix_root.set_setting(key, value)
 
     hadrix = daemon.start()
 
     hadrix.wait_for_log('get usb sound mute state')
-    assert hadrix.log.find(logged)
-    assert bool(hadrix.log.find('set to default')) == (stored is None)
+    assert [bool(hadrix.log.find(line)) for line in logged] == [True, True], logged
+    assert bool(hadrix.log.find('set to default')) == (volume is None)
 
 
-@pytest.mark.parametrize('stored, logged', [(None, 0), (1, 1), (0, 0)])
-def test_create_brings_up_stored_mute_state(daemon, hadrix_root, stored, logged):
-    if stored is not None:
-        hadrix_root.set_setting('db/hadrix/volume_mute_status', stored)
-
-    hadrix = daemon.start()
-
-    hadrix.wait_for_log(f'get usb sound mute state  {logged}')
-
-
-def test_each_launch_request_reaches_app_control(daemon, system_bus):
+def test_launch_requests_reach_app_control_and_wrong_argument_types_are_refused(daemon, system_bus):
     hadrix = daemon.start()
     bus = system_bus.connect()
     assert not hadrix.log.find('service_app_control')
 
+    wrong = [('s', ['default']), ('si', ['default', 3]), ('sa{ss}', ['default', {'pulse': 'start'}]),
+             ('aa(ss)', [[[('pulse', 'start')]]])]
+    for signature, args in wrong:
+        with pytest.raises(dbus.exceptions.DBusException) as refused:
+            launch(bus, HADRIX_BUS_NAME, signature=signature, args=args)
+        assert refused.value.get_dbus_name() == 'org.freedesktop.DBus.Error.InvalidArgs', signature
+    hadrix.wait_for_log(lambda record: record.prio in 'WE' and 'refused' in record.message, count=len(wrong))
+
     launch(bus, HADRIX_BUS_NAME, 'default', [('pulse', 'start'), ('cget', '1')])
     launch(bus, HADRIX_BUS_NAME, 'default', [])
-
     hadrix.wait_for_log('service_app_control', count=2)
-
-
-@pytest.mark.parametrize('signature, args', [
-    ('s', ['default']),
-    ('si', ['default', 3]),
-    ('sa{ss}', ['default', {'pulse': 'start'}]),
-    ('aa(ss)', [[[('pulse', 'start')]]]),
-], ids=['missing-extra', 'int-extra', 'dict-extra', 'no-operation'])
-def test_launch_with_wrong_argument_types_is_refused(daemon, system_bus, signature, args):
-    hadrix = daemon.start()
-    bus = system_bus.connect()
-
-    with pytest.raises(dbus.exceptions.DBusException) as refused:
-        launch(bus, HADRIX_BUS_NAME, signature=signature, args=args)
-    assert refused.value.get_dbus_name() == 'org.freedesktop.DBus.Error.InvalidArgs'
-    hadrix.wait_for_log(lambda record: record.prio in 'WE' and 'refused' in record.message)
-
-    launch(bus, HADRIX_BUS_NAME, 'default', [('key', 'value')])
-    hadrix.wait_for_log('service_app_control')
-    assert len(hadrix.log.find('service_app_control')) == 1
+    assert len(hadrix.log.find('service_app_control')) == 2
     assert hadrix.running()
 
 

@@ -33,44 +33,25 @@ def test_stored_volume_survives_a_restart(daemon, settings_cli, hadrix_root):
     assert hadrix_root.get_setting(VOLUME) == ('int', '35')
 
 
-def test_cli_get_set_unset_round_trip(settings_cli, hadrix_root):
+def test_cli_get_set_unset_round_trip_and_refusals(settings_cli, hadrix_root):
     missing = settings_cli('get', VOLUME)
     assert (missing.returncode, missing.stdout) == (1, '')
-
     assert settings_cli('set', VOLUME, 'int', '42').returncode == 0
     stored = settings_cli('get', VOLUME)
     assert (stored.returncode, stored.stdout) == (0, 'int:42\n')
-    assert (hadrix_root.settings_dir / VOLUME).read_text() == 'int:42\n'
-
     volatile = 'memory/tv-viewer/show_ext_volume'
     assert settings_cli('set', volatile, 'string', 'volume 7').returncode == 0
-    assert (hadrix_root.runtime_settings_dir / volatile).read_text() == 'string:volume 7\n'
     assert settings_cli('get', volatile).stdout == 'string:volume 7\n'
+
+    for args in (('set', VOLUME, 'int', 'loud'), ('set', VOLUME, 'colour', 'red'), ('set', VOLUME, 'int'),
+                 ('get',), ('frobnicate', VOLUME)):
+        refused = settings_cli(*args)
+        assert (refused.returncode, 'Usage' in refused.stderr) == (2, True), args
+    assert hadrix_root.get_setting(VOLUME) == ('int', '42')
 
     assert settings_cli('unset', VOLUME).returncode == 0
     assert settings_cli('get', VOLUME).returncode == 1
     assert not (hadrix_root.settings_dir / VOLUME).exists()
-
-
-def test_cli_refuses_bad_usage_and_keeps_the_value(settings_cli, hadrix_root):
-    hadrix_root.set_setting(VOLUME, 60)
-
-    for args in (('set', VOLUME, 'int', 'loud'), ('set', VOLUME, 'colour', 'red'),
-                 ('set', VOLUME, 'int'), ('get',), ('frobnicate', VOLUME)):
-        result = settings_cli(*args)
-        assert result.returncode == 2, args
-        assert 'Usage' in result.stderr, args
-
-    assert hadrix_root.get_setting(VOLUME) == ('int', '60')
-
-
-def test_cli_reads_values_written_by_the_store_format(settings_cli, hadrix_root):
-    hadrix_root.set_setting('db/setting/accessibility/tts', True)
-    hadrix_root.setting_path('db/no/newline').parent.mkdir(parents=True)
-    hadrix_root.setting_path('db/no/newline').write_text('int:7')
-
-    assert settings_cli('get', 'db/setting/accessibility/tts').stdout == 'bool:1\n'
-    assert settings_cli('get', 'db/no/newline').stdout == 'int:7\n'
 
 
 def test_cli_watch_prints_every_change(launcher, settings_cli):

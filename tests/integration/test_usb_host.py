@@ -1,53 +1,31 @@
-"""USB sound cards through the host platform's USB library: hadrix-probe lists them and follows
-hot-plug under umockdev.
-
-A device is a USB sound card that udev marked ready (SOUND_INITIALIZED), described by the USB
-interface carrying it and the USB device above; onboard cards are no devices. "added" comes
-once per card when it becomes ready, "removed" when a card that was present goes.
-"""
-import contextlib
+"""The host platform's USB library (through hadrix-probe) under umockdev: a device is a USB sound
+card udev marked ready (SOUND_INITIALIZED), described by its card interface and the USB device
+above; onboard cards are none. "added" comes once per card when it becomes ready, "removed" when
+a card that was present goes."""
 import os
 import signal
-from dataclasses import dataclass
-
-import pytest
 
 from simtv import paths
 
-MARKER_CARD = 9
-
-
-@dataclass(frozen=True)
-class UsbDevice:
-    devpath: str
-    device_class: int
-    number: int
-    vendor_id: str
-    product_id: str
-    product: str
-    manufacturer: str
-    devname: str
-
-    @classmethod
-    def parse(cls, fields):
-        devpath, device_class, number, vendor_id, product_id, product, manufacturer, devname = fields
-        return cls(devpath, int(device_class), int(number), vendor_id, product_id, product,
-                   manufacturer, devname)
-
 
 def devpath(headset):
-    """The kernel device path of a headset's card (its /sys path without "/sys")."""
     return headset.card_path[len('/sys'):]
 
 
-@pytest.fixture
+def described(headset, number, vid='0b0e', pid='245e', product='USB Headset', manufacturer='ACME'):
+    """The fields the library reports for a headset: devpath, class, number, ids, names, devname."""
+    return (devpath(headset), 1, number, vid, pid, product, manufacturer, f'/dev/bus/usb/001/{number:03d}')
+
+
+def parse(fields):
+    path, device_class, number, *rest = fields
+    return (path, int(device_class), int(number), *rest)
+
+
 def usb_list(probe):
-    """Runs usb-list; returns the devices in list order."""
-    def run():
-        result = probe('usb-list')
-        assert result.returncode == 0, result.stderr
-        return [UsbDevice.parse(line.split('\t')) for line in result.stdout.splitlines()]
-    return run
+    result = probe('usb-list')
+    assert result.returncode == 0, result.stderr
+    return [parse(line.split('\t')) for line in result.stdout.splitlines()]
 
 
 class Monitor:
@@ -57,150 +35,65 @@ class Monitor:
         self.process = process
         self.testbed = testbed
 
-    def wait_for(self, action, headset, timeout=5.0, since=0):
-        record = self.process.wait_for_output(f'{action}\t{devpath(headset)}\t', timeout, since)
-        return UsbDevice.parse(record.text.split('\t')[1:])
-
-    @contextlib.contextmanager
-    def paused(self):
-        """Stops the monitor for the block: uevents sent meanwhile wait until it goes on."""
-        os.kill(self.process.pid, signal.SIGSTOP)
-        try:
-            yield
-        finally:
-            os.kill(self.process.pid, signal.SIGCONT)
+    def wait_for(self, action, headset, since=0):
+        self.process.wait_for_output(f'{action}\t{devpath(headset)}\t', 5.0, since)
 
     def settled_events(self):
-        """Every (action, device) heard so far, once all earlier uevents are handled: a marker
-        card plugged and unplugged now is heard after all of them, and is left out."""
+        """Every (action, fields) heard, once all earlier uevents are handled: a marker card
+        plugged and unplugged now is heard after them all, and is left out."""
         mark = self.process.out.mark()
-        marker = self.testbed.add_headset(card=MARKER_CARD, port='2-1', devnum=9)
+        marker = self.testbed.add_headset(card=9, port='2-1', devnum=9)
         self.testbed.remove(marker)
         self.wait_for('removed', marker, since=mark)
-        events = []
-        for line in self.process.out.lines():
-            action, *fields = line.split('\t')
-            if action in ('added', 'removed') and fields[0] != devpath(marker):
-                events.append((action, UsbDevice.parse(fields)))
-        return events
+        events = [line.split('\t') for line in self.process.out.lines() if line != 'ready']
+        return [(action, parse(fields)) for action, *fields in events if fields[0] != devpath(marker)]
 
 
-@pytest.fixture
-def monitor(launcher, testbed):
-    """Starts usb-monitor and waits until it listens; at the end it must stop cleanly on
-    SIGTERM."""
-    started = []
-
-    def start():
-        process = launcher.start(paths.program('hadrix-probe'), ['usb-monitor', 50],
-                                 label='usb-monitor')
-        started.append(process)
-        process.wait_for_output('ready')
-        return Monitor(process, testbed)
-    yield start
-    for process in started:
-        assert process.stop() == 0, process.log.dump()
-
-
-def test_list_describes_each_usb_card_by_its_card_interface_and_usb_device(testbed, usb_list):
-    headset = testbed.add_headset(card=1, vid='0b0e', pid='245e', product='Evolve 20',
-                                  manufacturer='Jabra', port='1-1', devnum=4)
-    # A webcam's microphone is a USB sound card like any other; telling cameras apart is the
-    # service's business.
-    webcam = testbed.add_headset(card=2, vid='046d', pid='0825', product='Webcam C270',
-                                 manufacturer='Logitech', port='1-2', devnum=7, card_id='U0x46d0x825')
-
-    assert usb_list() == [
-        UsbDevice(devpath(headset), 1, 4, '0b0e', '245e', 'Evolve 20', 'Jabra',
-                  '/dev/bus/usb/001/004'),
-        UsbDevice(devpath(webcam), 1, 7, '046d', '0825', 'Webcam C270', 'Logitech',
-                  '/dev/bus/usb/001/007'),
-    ]
-    assert devpath(headset) == '/devices/platform/soc/xhci-hcd.0/usb1/1-1/1-1:1.0/sound/card1'
-
-
-def test_list_leaves_out_onboard_cards_and_cards_not_ready(testbed, usb_list):
+def test_list_holds_ready_usb_cards_described_by_interface_and_device(testbed, probe):
     testbed.add_onboard_card(card=0)
     pending = testbed.add_headset(card=1, port='1-1', devnum=2, initialized=False)
-    ready = testbed.add_headset(card=2, port='1-2', devnum=3)
+    # A webcam's microphone is a USB sound card like any other; telling cameras apart is the
+    # service's business.
+    webcam = testbed.add_headset(card=2, vid='046d', pid='0825', product='Webcam C270', manufacturer='Logitech',
+                                 port='1-2', devnum=7, card_id='U0x46d0x825')
+    webcam_fields = described(webcam, 7, '046d', '0825', 'Webcam C270', 'Logitech')
+    assert devpath(webcam) == '/devices/platform/soc/xhci-hcd.0/usb1/1-2/1-2:1.0/sound/card2'
 
-    assert [device.devpath for device in usb_list()] == [devpath(ready)]
-
+    assert usb_list(probe) == [webcam_fields]
     testbed.initialize(pending)
-
-    assert [device.devpath for device in usb_list()] == [devpath(pending), devpath(ready)]
-
-
-def test_hotplugged_headset_is_added_and_removed_once_each(testbed, monitor):
-    watch = monitor()
-
-    headset = testbed.add_headset(card=1, vid='1395', pid='0025', product='PC 8 USB',
-                                  manufacturer='Sennheiser', port='1-3', devnum=5)
-    described = UsbDevice(devpath(headset), 1, 5, '1395', '0025', 'PC 8 USB', 'Sennheiser',
-                          '/dev/bus/usb/001/005')
-    assert watch.wait_for('added', headset) == described
-
-    # The whole device is gone before the monitor hears of it: the removal still describes the
-    # card as it was.
-    with watch.paused():
-        testbed.remove(headset)
-    assert watch.wait_for('removed', headset) == described
-    assert watch.settled_events() == [('added', described), ('removed', described)]
+    assert usb_list(probe) == [described(pending, 2), webcam_fields]
 
 
-def test_card_is_added_once_when_it_becomes_ready(testbed, monitor):
-    watch = monitor()
-
-    headset = testbed.add_headset(card=1, initialized=False)
-    assert watch.settled_events() == []
-
-    testbed.initialize(headset)
-    watch.wait_for('added', headset)
-    testbed.initialize(headset)  # a later change of a card already announced
-    testbed.remove(headset)
-    watch.wait_for('removed', headset)
-
-    assert [(action, device.devpath) for action, device in watch.settled_events()] == [
-        ('added', devpath(headset)), ('removed', devpath(headset))]
-
-
-def test_card_that_never_became_ready_goes_unannounced(testbed, monitor):
-    watch = monitor()
-
-    headset = testbed.add_headset(card=1, initialized=False)
-    testbed.remove(headset)
-
-    assert watch.settled_events() == []
-
-
-def test_card_present_at_start_is_only_reported_when_removed(testbed, monitor, usb_list):
-    headset = testbed.add_headset(card=1, devnum=6)
-    watch = monitor()
-
-    testbed.remove(headset)
-
-    assert watch.settled_events() == [('removed', UsbDevice(
-        devpath(headset), 1, 6, '0b0e', '245e', 'USB Headset', 'ACME', '/dev/bus/usb/001/006'))]
-
-
-def test_hotplugged_onboard_card_is_ignored(testbed, monitor):
-    watch = monitor()
+def test_monitor_announces_each_ready_card_once_with_its_device_also_once_gone(testbed, launcher):
+    present = testbed.add_headset(card=3, port='1-3', devnum=6)
+    process = launcher.start(paths.program('hadrix-probe'), ['usb-monitor', 50], label='usb-monitor')
+    process.wait_for_output('ready')
+    watch = Monitor(process, testbed)
 
     testbed.add_onboard_card(card=0)
-
+    never_ready = testbed.add_headset(card=2, port='1-2', devnum=3, initialized=False)
+    testbed.remove(never_ready)
+    pending = testbed.add_headset(card=1, initialized=False)
     assert watch.settled_events() == []
+    testbed.initialize(pending)
+    watch.wait_for('added', pending)
+    testbed.initialize(pending)  # a later change of a card already announced
 
-
-def test_twin_port_headsets_are_announced_each_with_its_card(testbed, monitor):
-    watch = monitor()
-
-    testbed.add_hub(port='1-1', devnum=2)
-    first = testbed.add_headset(card=1, port='1-1.1', devnum=3)
-    second = testbed.add_headset(card=2, port='1-1.2', devnum=4)
+    testbed.add_hub(port='1-4', devnum=4)
+    first = testbed.add_headset(card=4, vid='1395', pid='0025', product='PC 8 USB', manufacturer='Sennheiser',
+                                port='1-4.1', devnum=5)
+    second = testbed.add_headset(card=5, port='1-4.2', devnum=7)
     watch.wait_for('added', second)
+    # The whole device is gone before the monitor hears of it: the removal still describes the
+    # card as it was.
+    os.kill(process.pid, signal.SIGSTOP)
     testbed.remove(first)
+    os.kill(process.pid, signal.SIGCONT)
+    testbed.remove(present)
+    testbed.remove(pending)
 
-    assert [(action, device.devpath, device.number)
-            for action, device in watch.settled_events()] == [
-        ('added', devpath(first), 3), ('added', devpath(second), 4),
-        ('removed', devpath(first), 3)]
+    first_fields = described(first, 5, '1395', '0025', 'PC 8 USB', 'Sennheiser')
+    assert watch.settled_events() == [
+        ('added', described(pending, 2)), ('added', first_fields), ('added', described(second, 7)),
+        ('removed', first_fields), ('removed', described(present, 6)), ('removed', described(pending, 2))]
+    assert process.stop() == 0, process.log.dump()
