@@ -1,11 +1,10 @@
 """Fixtures of the integration tests: the real programs of the build against a private system
 bus, mocked platform services and a private file-system root, one set per test.
 
-`child_env` is where fixtures meet: every fixture that changes how the programs under test
-start (bus address, HADRIX_ROOT, NOTIFY_SOCKET, and later device emulation, the kernel-log shim
-or a faked clock) sets variables or adds preload libraries on it, and every program started
-through `launcher` (the daemon, the tools, the probe) gets the result.
+Every fixture that changes how the programs start sets variables or preload libraries on
+`child_env`; every program started through `launcher` gets the result.
 """
+import json
 import sys
 from pathlib import Path
 
@@ -16,8 +15,11 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[2] / 'sim'))
 import pytest  # noqa: E402
 
 from simtv import paths  # noqa: E402
+from simtv.alsa_card import EmulatedCard  # noqa: E402
 from simtv.bus import Mocks, SystemBus  # noqa: E402
+from simtv.client_api import SERVER_IFACE, SERVER_NAME, SERVER_PATH  # noqa: E402
 from simtv.daemon import Daemons, Launcher  # noqa: E402
+from simtv.devices import CATALOGUE, plug  # noqa: E402
 from simtv.env import ChildEnv  # noqa: E402
 from simtv.klog import KernelLog  # noqa: E402
 from simtv.locales import MissingLocales, compile_locales  # noqa: E402
@@ -265,3 +267,97 @@ def platform_services(mocks):
     """platform_services(route=7, power_state=0, cards=(), audio_server=True, **audio-server
     options) starts them."""
     return lambda **options: PlatformServices(mocks.spawn, **options)
+
+
+# Kernel-log time stamps, in seconds after boot: a device found while booting, one the viewer
+# plugged later.
+AT_BOOT = 3.5
+LATER = 120.0
+DATA_DIR = '/home/owner/apps_rw/hadrix/data'
+USB_AUDIO_MODE = f'{DATA_DIR}/USB_AUDIO_mode'
+SUBSCRIBER_FILE = f'{DATA_DIR}/.subscriber'
+DEPOT = f'{DATA_DIR}/devices.depot'
+KPI_FILE = '/var/log/hadrix/kpi.jsonl'
+LEVEL_KEY = 'db/hadrix/volume_level'
+MUTE_KEY = 'db/hadrix/volume_mute_status'
+USB_HEADSET_ROUTE = 15
+
+
+class Tv:
+    """A TV whose kernel log shows a normal boot; `start` brings up its platform services and
+    the service, `plug`/`unplug` are the viewer's."""
+
+    def __init__(self, platform_services, kernel_log, testbed, system_bus, daemon, hadrix_root,
+                 bus_signals):
+        kernel_log.boot()
+        self._platform_services, self._daemons = platform_services, daemon
+        self.log, self.bed, self.bus, self.root = kernel_log, testbed, system_bus, hadrix_root
+        self.signals = bus_signals
+        self.services = self.daemon = self._connection = None
+        self.plugged = {}
+        self._hubs = set()
+
+    def start(self, *logs, cards=(1,), boot=(), usb_audio_mode=False, **options):
+        """Starts the service with the `boot` devices there since boot, and waits for each of
+        the `logs` in turn."""
+        if usb_audio_mode:
+            self.root.write(USB_AUDIO_MODE, '')
+        for name in boot:
+            self.plugged[name] = plug(self.bed, name, self.log, AT_BOOT)
+        if self.services is None:
+            self.services = self._platform_services(cards=cards, **options)
+        self.daemon = self._daemons.start()
+        for pattern in logs:
+            self.daemon.wait_for_log(pattern, timeout=25)
+        return self.daemon
+
+    def plug(self, name, at=LATER, mixer=None):
+        """Plugs catalogue device `name` (its card with an emulated mixer of these controls, if
+        given); returns once the service has handled it."""
+        hub = CATALOGUE[name].port.rpartition('.')[0]
+        if hub and hub not in self._hubs:
+            self._hubs.add(hub)
+            self.bed.add_hub(hub, devnum=60 + len(self._hubs))
+        mark = self.daemon.log.mark()
+        headset = plug(self.bed, name, self.log, at, initialized=mixer is None)
+        if mixer is not None:
+            self.bed.attach_ioctl(headset.control, EmulatedCard(headset.card, mixer))
+            self.bed.initialize(headset)
+        self.daemon.wait_for_log('Ondetect info end', since=mark, timeout=10)
+        self.plugged[name] = headset
+        return headset
+
+    def unplug(self, name, at=None):
+        """Unplugs it, with the kernel's disconnect line stamped `at` if given."""
+        mark = self.daemon.log.mark()
+        if at is not None:
+            self.log.disconnect(CATALOGUE[name].port, at)
+        self.bed.remove(self.plugged.pop(name))
+        self.daemon.wait_for_log('Ondetect info end', since=mark, timeout=10)
+
+    def call(self, method, signature='s', *args):
+        """A call of the client API."""
+        if self._connection is None:
+            self.bus.wait_for_name(SERVER_NAME)
+            self._connection = self.bus.connect()
+        return self._connection.call_blocking(SERVER_NAME, SERVER_PATH, SERVER_IFACE, method,
+                                                signature, list(args), timeout=5)
+
+    def setting(self, key):
+        stored = self.root.get_setting(key)
+        return stored[1] if stored else None
+
+    def speaker_selections(self):
+        return [args[0] for _, args in self.services.sound.calls('SetSpeakerSelection')]
+
+    def kpi_warnings(self):
+        """(warning code, product name) of each warning in the KPI log."""
+        if not self.root.exists(KPI_FILE):
+            return []
+        events = [json.loads(line) for line in self.root.read(KPI_FILE).splitlines()]
+        return [(e['warning_code'], e['product_name']) for e in events if e.get('event') == 'warning']
+
+
+@pytest.fixture
+def tv(platform_services, kernel_log, testbed, system_bus, daemon, hadrix_root, bus_signals):
+    return Tv(platform_services, kernel_log, testbed, system_bus, daemon, hadrix_root, bus_signals)
