@@ -298,8 +298,8 @@ class Tv:
         self._hubs = set()
 
     def start(self, *logs, cards=(1,), boot=(), usb_audio_mode=False, **options):
-        """Starts the service with the `boot` devices there since boot, and waits for each of
-        the `logs` in turn."""
+        """Starts the service with the `boot` devices there since boot; returns once it has
+        logged each of the `logs` in turn and serves its client API."""
         if usb_audio_mode:
             self.root.write(USB_AUDIO_MODE, '')
         for name in boot:
@@ -309,6 +309,7 @@ class Tv:
         self.daemon = self._daemons.start()
         for pattern in logs:
             self.daemon.wait_for_log(pattern, timeout=25)
+        self.bus.wait_for_name(SERVER_NAME)
         return self.daemon
 
     def plug(self, name, at=LATER, mixer=None):
@@ -337,9 +338,8 @@ class Tv:
 
     def call(self, method, signature='s', *args):
         """A call of the client API."""
-        if self._connection is None:
-            self.bus.wait_for_name(SERVER_NAME)
-            self._connection = self.bus.connect()
+        self.bus.wait_for_name(SERVER_NAME)
+        self._connection = self._connection or self.bus.connect()
         return self._connection.call_blocking(SERVER_NAME, SERVER_PATH, SERVER_IFACE, method,
                                                 signature, list(args), timeout=5)
 
