@@ -297,7 +297,8 @@ class Tv:
         self.plugged = {}
         self._hubs = set()
 
-    def start(self, *logs, cards=(1,), boot=(), usb_audio_mode=False, **options):
+    def start(self, *logs, cards=(1,), boot=(), usb_audio_mode=False, env=None, preload=(),
+              **options):
         """Starts the service with the `boot` devices there since boot; returns once it has
         logged each of the `logs` in turn and serves its client API."""
         if usb_audio_mode:
@@ -306,7 +307,7 @@ class Tv:
             self.plugged[name] = plug(self.bed, name, self.log, AT_BOOT)
         if self.services is None:
             self.services = self._platform_services(cards=cards, **options)
-        self.daemon = self._daemons.start()
+        self.daemon = self._daemons.start(env=env, preload=preload)
         for pattern in logs:
             self.daemon.wait_for_log(pattern, timeout=25)
         self.bus.wait_for_name(SERVER_NAME)
