@@ -101,8 +101,7 @@ def system_bus(socket_dir, tmp_path, request):
 
 @pytest.fixture
 def hadrix_root(tmp_path):
-    """The test's root, with the build's application files (catalogue, images) when they are
-    built: tests that need them ask for `app_files`."""
+    """The test's root, with the build's application files when they are built."""
     root = HadrixRoot(tmp_path / 'root')
     try:
         root.install_app_files(paths.app_files())
@@ -113,7 +112,6 @@ def hadrix_root(tmp_path):
 
 @pytest.fixture
 def app_files(hadrix_root):
-    """Fails the test unless the build's application files are in the test's root."""
     try:
         paths.app_files()
     except paths.MissingProgram as exc:
@@ -155,7 +153,6 @@ def mocks(system_bus, child_env, tmp_path, request):
 
 @pytest.fixture
 def notify_socket(socket_dir, child_env):
-    """Messages the service sends to its service manager (READY=1, WATCHDOG=1)."""
     sock = NotifySocket(socket_dir / 'notify')
     child_env.set('NOTIFY_SOCKET', sock.path)
     yield sock
@@ -164,8 +161,7 @@ def notify_socket(socket_dir, child_env):
 
 @pytest.fixture
 def bus_signals(system_bus, request):
-    """The audio-server and speaker-manager signals broadcast on the test's bus ("Start",
-    "Stop", "SpkDisconnected"): signals(member), wait_for(member, count, timeout)."""
+    """The audio-server and speaker-manager signals ("Start", "Stop", "SpkDisconnected")."""
     observer = SignalObserver(system_bus.address)
     add_reporter(request, observer.report)
     yield observer
@@ -192,26 +188,22 @@ class Tool:
 
 @pytest.fixture
 def settings_cli(launcher):
-    """hadrix-settings on the test's settings directories: settings_cli('get', key)."""
     return Tool(launcher, 'hadrix-settings')
 
 
 @pytest.fixture
 def hadrixctl(launcher):
-    """hadrixctl with the test's environment: hadrixctl('devices')."""
     return Tool(launcher, 'hadrixctl')
 
 
 @pytest.fixture
 def probe(launcher):
-    """hadrix-probe with the test's environment: probe('launch-app', key, value)."""
     return Tool(launcher, 'hadrix-probe')
 
 
 @pytest.fixture
 def kernel_log(child_env, tmp_path):
-    """The kernel log programs of the test read (through the klogctl shim): a KernelLog the
-    test writes, empty at first."""
+    """The kernel log the programs read through the klogctl shim, empty at first."""
     log = KernelLog(tmp_path / 'kernel.log')
     child_env.set('HADRIX_FAKE_KLOG', log.path)
     child_env.preload(program('hadrix-klog-shim'))
@@ -244,7 +236,6 @@ def menu_language(compiled_locales, child_env, hadrix_root):
 
 @pytest.fixture
 def testbed(child_env):
-    """USB devices in a umockdev testbed that programs of the test see as the machine's."""
     bed = Testbed()
     for key, value in bed.env().items():
         child_env.set(key, value)
@@ -254,8 +245,7 @@ def testbed(child_env):
 
 @pytest.fixture
 def fast_clock(child_env):
-    """Programs of the test run on a clock 100 times faster (libfaketime): for the service's
-    long timers. Uptimes then no longer match kernel-log time stamps."""
+    """Programs run on a clock 100 times faster: uptimes no longer match kernel-log stamps."""
     if not paths.FAKETIME_LIBS:
         pytest.fail('libfaketime is not installed (Debian package libfaketime)', pytrace=False)
     child_env.set('FAKETIME', '+0 x100')
@@ -264,8 +254,6 @@ def fast_clock(child_env):
 
 @pytest.fixture
 def platform_services(mocks):
-    """platform_services(route=7, power_state=0, cards=(), audio_server=True, **audio-server
-    options) starts them."""
     return lambda **options: PlatformServices(mocks.spawn, **options)
 
 

@@ -190,9 +190,9 @@ def test_a_service_killed_while_saving_subscribers_keeps_every_confirmed_one(
         assert all(line == '{0} obj{0}\n'.format(line.split(' ', 1)[0]) for line in lines), \
             f'round {round_} (seed {seed}): a line cut short'
         missing = (expected | set(client.confirmed)) - saved
-        assert not missing, f'round {round_} (seed {seed}): {len(missing)} confirmed subscribers lost'
+        assert not missing, f'round {round_} (seed {seed}): {len(missing)} confirmed ones lost'
         expected = saved
-    print(f'saves cut short in the last round: {len(list(hadrix_root.data_dir.glob(".subscriber.*")))}')
+    print(f'saves cut short: {len(list(hadrix_root.data_dir.glob(".subscriber.*")))}')
     hadrix = daemon.start()
     hadrix.log.wait_for('procName[', count=len(expected))
     assert list(hadrix_root.data_dir.glob('.subscriber.*')) == [], \

@@ -62,8 +62,9 @@ def test_install_puts_every_file_in_place_naming_the_daemon_under_the_prefix(sta
     assert ini_values(staged / UNIT, 'ExecStart') == [DAEMON]
     assert ini_values(staged / UNIT, 'BusName') == [SERVER_NAME]
     for name, path in ACTIVATION.items():
-        assert [ini_values(staged / path, key) for key in ('Name', 'Exec', 'User', 'SystemdService')] \
-            == [[name], [DAEMON], ['root'], ['hadrix.service']]
+        keys = ('Name', 'Exec', 'User', 'SystemdService')
+        assert [ini_values(staged / path, key) for key in keys] == \
+            [[name], [DAEMON], ['root'], ['hadrix.service']]
     # The paths follow the prefix given at install time, not the one of the configure.
     other = install(tmp_path / 'opt', prefix='/opt/hadrix')
     assert ini_values(other / 'opt/hadrix/lib/systemd/system/hadrix.service', 'ExecStart') == \
@@ -155,7 +156,8 @@ def test_policy_lets_only_root_own_the_names_and_anyone_call_the_api(staged, soc
         nobody = 65534
         for arguments, allowed, out in [
                 (('org.freedesktop.DBus', '/org/freedesktop/DBus',
-                  'org.freedesktop.DBus.RequestName', SERVER_NAME, 'uint32 4'), False, 'AccessDenied'),
+                  'org.freedesktop.DBus.RequestName', SERVER_NAME, 'uint32 4'),
+                 False, 'AccessDenied'),
                 ((SERVER_NAME, SERVER_PATH, f'{SERVER_IFACE}.check_dbus_connection', 'player'),
                  True, "('objplayer',)"),
                 # Launch requests carry debug commands: root only.

@@ -137,7 +137,8 @@ def test_run_takes_commands_and_can_be_reached_from_another_shell(tmp_path):
                 ('plug headset', r'bus +audio server <- "Start" card 1$'),
                 ('plug headset', r'^\? headset is plugged already$'),
                 ('key up', r'TV viewer <- extvolume_updown "up,51": the volume bar shows 51'),
-                ('ctl devices', r'client +yes +USB Headphone +connected +51 +Evolve 20 \(USB\) +Jabra$'),
+                ('ctl devices',
+                 r'client +yes +USB Headphone +connected +51 +Evolve 20 \(USB\) +Jabra$'),
                 ('state', r'state +headset volume 51, muted 0$'),
                 ('quit', r'tv +hadrix exited with status 0$')]:
             expect(command, pattern)
