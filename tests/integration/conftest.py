@@ -1,11 +1,10 @@
 """Fixtures of the integration tests: the real programs of the build against a private system
 bus, mocked platform services and a private file-system root, one set per test.
 
-`child_env` is where fixtures meet: every fixture that changes how the programs under test
-start (bus address, HADRIX_ROOT, NOTIFY_SOCKET, and later device emulation, the kernel-log shim
-or a faked clock) sets variables or adds preload libraries on it, and every program started
-through `launcher` (the daemon, the tools, the probe) gets the result.
+Every fixture that changes how the programs start sets variables or preload libraries on
+`child_env`; every program started through `launcher` gets the result.
 """
+import json
 import sys
 from pathlib import Path
 
@@ -16,8 +15,11 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[2] / 'sim'))
 import pytest  # noqa: E402
 
 from simtv import paths  # noqa: E402
+from simtv.alsa_card import EmulatedCard  # noqa: E402
 from simtv.bus import Mocks, SystemBus  # noqa: E402
+from simtv.client_api import SERVER_IFACE, SERVER_NAME, SERVER_PATH  # noqa: E402
 from simtv.daemon import Daemons, Launcher  # noqa: E402
+from simtv.devices import CATALOGUE, plug  # noqa: E402
 from simtv.env import ChildEnv  # noqa: E402
 from simtv.klog import KernelLog  # noqa: E402
 from simtv.locales import MissingLocales, compile_locales  # noqa: E402
@@ -99,8 +101,7 @@ def system_bus(socket_dir, tmp_path, request):
 
 @pytest.fixture
 def hadrix_root(tmp_path):
-    """The test's root, with the build's application files (catalogue, images) when they are
-    built: tests that need them ask for `app_files`."""
+    """The test's root, with the build's application files when they are built."""
     root = HadrixRoot(tmp_path / 'root')
     try:
         root.install_app_files(paths.app_files())
@@ -111,7 +112,6 @@ def hadrix_root(tmp_path):
 
 @pytest.fixture
 def app_files(hadrix_root):
-    """Fails the test unless the build's application files are in the test's root."""
     try:
         paths.app_files()
     except paths.MissingProgram as exc:
@@ -153,7 +153,6 @@ def mocks(system_bus, child_env, tmp_path, request):
 
 @pytest.fixture
 def notify_socket(socket_dir, child_env):
-    """Messages the service sends to its service manager (READY=1, WATCHDOG=1)."""
     sock = NotifySocket(socket_dir / 'notify')
     child_env.set('NOTIFY_SOCKET', sock.path)
     yield sock
@@ -162,8 +161,7 @@ def notify_socket(socket_dir, child_env):
 
 @pytest.fixture
 def bus_signals(system_bus, request):
-    """The audio-server and speaker-manager signals broadcast on the test's bus ("Start",
-    "Stop", "SpkDisconnected"): signals(member), wait_for(member, count, timeout)."""
+    """The audio-server and speaker-manager signals ("Start", "Stop", "SpkDisconnected")."""
     observer = SignalObserver(system_bus.address)
     add_reporter(request, observer.report)
     yield observer
@@ -190,26 +188,22 @@ class Tool:
 
 @pytest.fixture
 def settings_cli(launcher):
-    """hadrix-settings on the test's settings directories: settings_cli('get', key)."""
     return Tool(launcher, 'hadrix-settings')
 
 
 @pytest.fixture
 def hadrixctl(launcher):
-    """hadrixctl with the test's environment: hadrixctl('devices')."""
     return Tool(launcher, 'hadrixctl')
 
 
 @pytest.fixture
 def probe(launcher):
-    """hadrix-probe with the test's environment: probe('launch-app', key, value)."""
     return Tool(launcher, 'hadrix-probe')
 
 
 @pytest.fixture
 def kernel_log(child_env, tmp_path):
-    """The kernel log programs of the test read (through the klogctl shim): a KernelLog the
-    test writes, empty at first."""
+    """The kernel log the programs read through the klogctl shim, empty at first."""
     log = KernelLog(tmp_path / 'kernel.log')
     child_env.set('HADRIX_FAKE_KLOG', log.path)
     child_env.preload(program('hadrix-klog-shim'))
@@ -242,7 +236,6 @@ def menu_language(compiled_locales, child_env, hadrix_root):
 
 @pytest.fixture
 def testbed(child_env):
-    """USB devices in a umockdev testbed that programs of the test see as the machine's."""
     bed = Testbed()
     for key, value in bed.env().items():
         child_env.set(key, value)
@@ -252,8 +245,7 @@ def testbed(child_env):
 
 @pytest.fixture
 def fast_clock(child_env):
-    """Programs of the test run on a clock 100 times faster (libfaketime): for the service's
-    long timers. Uptimes then no longer match kernel-log time stamps."""
+    """Programs run on a clock 100 times faster: uptimes no longer match kernel-log stamps."""
     if not paths.FAKETIME_LIBS:
         pytest.fail('libfaketime is not installed (Debian package libfaketime)', pytrace=False)
     child_env.set('FAKETIME', '+0 x100')
@@ -262,6 +254,99 @@ def fast_clock(child_env):
 
 @pytest.fixture
 def platform_services(mocks):
-    """platform_services(route=7, power_state=0, cards=(), audio_server=True, **audio-server
-    options) starts them."""
     return lambda **options: PlatformServices(mocks.spawn, **options)
+
+
+# Kernel-log time stamps, in seconds after boot: a device found while booting, one the viewer
+# plugged later.
+AT_BOOT = 3.5
+LATER = 120.0
+DATA_DIR = '/home/owner/apps_rw/hadrix/data'
+USB_AUDIO_MODE = f'{DATA_DIR}/USB_AUDIO_mode'
+SUBSCRIBER_FILE = f'{DATA_DIR}/.subscriber'
+DEPOT = f'{DATA_DIR}/devices.depot'
+KPI_FILE = '/var/log/hadrix/kpi.jsonl'
+LEVEL_KEY = 'db/hadrix/volume_level'
+MUTE_KEY = 'db/hadrix/volume_mute_status'
+USB_HEADSET_ROUTE = 15
+
+
+class Tv:
+    """A TV whose kernel log shows a normal boot; `start` brings up its platform services and
+    the service, `plug`/`unplug` are the viewer's."""
+
+    def __init__(self, platform_services, kernel_log, testbed, system_bus, daemon, hadrix_root,
+                 bus_signals):
+        kernel_log.boot()
+        self._platform_services, self._daemons = platform_services, daemon
+        self.log, self.bed, self.bus, self.root = kernel_log, testbed, system_bus, hadrix_root
+        self.signals = bus_signals
+        self.services = self.daemon = self._connection = None
+        self.plugged = {}
+        self._hubs = set()
+
+    def start(self, *logs, cards=(1,), boot=(), usb_audio_mode=False, env=None, preload=(),
+              **options):
+        """Starts the service with the `boot` devices there since boot; returns once it has
+        logged each of the `logs` in turn and serves its client API."""
+        if usb_audio_mode:
+            self.root.write(USB_AUDIO_MODE, '')
+        for name in boot:
+            self.plugged[name] = plug(self.bed, name, self.log, AT_BOOT)
+        if self.services is None:
+            self.services = self._platform_services(cards=cards, **options)
+        self.daemon = self._daemons.start(env=env, preload=preload)
+        for pattern in logs:
+            self.daemon.wait_for_log(pattern, timeout=25)
+        self.bus.wait_for_name(SERVER_NAME)
+        return self.daemon
+
+    def plug(self, name, at=LATER, mixer=None):
+        """Plugs catalogue device `name` (its card with an emulated mixer of these controls, if
+        given); returns once the service has handled it."""
+        hub = CATALOGUE[name].port.rpartition('.')[0]
+        if hub and hub not in self._hubs:
+            self._hubs.add(hub)
+            self.bed.add_hub(hub, devnum=60 + len(self._hubs))
+        mark = self.daemon.log.mark()
+        headset = plug(self.bed, name, self.log, at, initialized=mixer is None)
+        if mixer is not None:
+            self.bed.attach_ioctl(headset.control, EmulatedCard(headset.card, mixer))
+            self.bed.initialize(headset)
+        self.daemon.wait_for_log('Ondetect info end', since=mark, timeout=10)
+        self.plugged[name] = headset
+        return headset
+
+    def unplug(self, name, at=None):
+        """Unplugs it, with the kernel's disconnect line stamped `at` if given."""
+        mark = self.daemon.log.mark()
+        if at is not None:
+            self.log.disconnect(CATALOGUE[name].port, at)
+        self.bed.remove(self.plugged.pop(name))
+        self.daemon.wait_for_log('Ondetect info end', since=mark, timeout=10)
+
+    def call(self, method, signature='s', *args):
+        """A call of the client API."""
+        self.bus.wait_for_name(SERVER_NAME)
+        self._connection = self._connection or self.bus.connect()
+        return self._connection.call_blocking(SERVER_NAME, SERVER_PATH, SERVER_IFACE, method,
+                                                signature, list(args), timeout=5)
+
+    def setting(self, key):
+        stored = self.root.get_setting(key)
+        return stored[1] if stored else None
+
+    def speaker_selections(self):
+        return [args[0] for _, args in self.services.sound.calls('SetSpeakerSelection')]
+
+    def kpi_warnings(self):
+        """(warning code, product name) of each warning in the KPI log."""
+        if not self.root.exists(KPI_FILE):
+            return []
+        events = [json.loads(line) for line in self.root.read(KPI_FILE).splitlines()]
+        return [(e['warning_code'], e['product_name']) for e in events if e.get('event') == 'warning']
+
+
+@pytest.fixture
+def tv(platform_services, kernel_log, testbed, system_bus, daemon, hadrix_root, bus_signals):
+    return Tv(platform_services, kernel_log, testbed, system_bus, daemon, hadrix_root, bus_signals)

@@ -1,6 +1,5 @@
-"""The benchmarks of the running service still run against this harness and this build: the
-quick ones (B3, B5) once each, with the fewest repeats. Their figures mean nothing here; what is
-checked is that each measures both sides and ends with its ratio line."""
+"""The quick service benchmarks (B3, B5) still run against this harness and build: each measures
+both sides and ends with its ratio line (the figures mean nothing here)."""
 import math
 import os
 import re

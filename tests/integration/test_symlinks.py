@@ -1,22 +1,8 @@
-"""A symbolic link planted, before the service runs, at each path the service writes, pointing
-at a file of someone else (the victim) or at a victim's place where nothing is yet: the victim
-is never written, created or touched, and the service carries on. At each path the service
-either replaces the link by its own file or declines to write there, logging why (or, for a
-marker, takes the link as the marker being there).
-
-Every file the service or its host platform writes:
-
-| Path | Written by |
-|---|---|
-| /home/owner/apps_rw/hadrix/data/devices.depot | the depot save, half a second after the device list changes |
-| /home/owner/apps_rw/hadrix/data/.subscriber | a client's subscribe or unsubscribe |
-| /home/owner/apps_rw/hadrix/data/USB_AUDIO_mode | the TV sound going to a USB headset |
-| /var/log/hadrix/kpi.jsonl | KPI events (appended), e.g. a new connected device |
-| /tmp/hadrix.running | the first start since boot |
-| /tmp/dmesg.txt.success, /tmp/dmesg.txt.err.<n> | every kernel-log analysis (a usable log, a failed attempt) |
-| /tmp/usb_devices_uptime_<uptime ms> | the start-up enumeration finding devices (the kernel's USB table) |
-| settings keys, one file each | the settings store (db/hadrix/volume_mute_status at the first start, db/hadrix/volume_level on a volume change, ...) |
-"""
+"""A symbolic link planted, before the service runs, at each path the service or its host
+platform writes (CASES), pointing at someone else's file (the victim) or where the victim would
+be: the victim is never written, created or touched, and the service carries on. It either
+replaces the link by its own file or declines to write there, logging why (or, for a marker,
+takes the link as the marker being there)."""
 import os
 import re
 import time
@@ -25,88 +11,49 @@ from typing import Callable
 
 import pytest
 
+from conftest import DEPOT, KPI_FILE, MUTE_KEY, SUBSCRIBER_FILE, USB_AUDIO_MODE
 from simtv.bus import HADRIX_BUS_NAME, launch
-from simtv.client_api import SERVER_IFACE, SERVER_NAME, SERVER_PATH
-from simtv.devices import plug
 from simtv.wait import WaitTimeout
 
-AT_BOOT = 3.5
-LATER = 120.0
-VICTIM_TEXT = 'precious\n'
 VICTIM_MTIME_NS = 1_000_000_000 * 10**9
 # The start-up enumeration writes the kernel's USB table within this many ms of the test
 # planting its links (the name holds the uptime, so every name of the span gets one).
 USB_TABLE_SPAN_MS = 30_000
-USB_TABLE = 'T:  Bus=01 Lev=01 Prnt=01 Port=00 Cnt=01 Dev#=  3 Spd=12   MxCh= 0\n' \
-            'P:  Vendor=0b0e ProdID=0300 Rev= 1.00\n'
 
 
-class Tv:
-    """The TV with its platform services; the service is started by a scenario."""
-
-    def __init__(self, platform_services, kernel_log, testbed, daemon, system_bus, hadrix_root):
-        self.kernel_log = kernel_log
-        self.testbed = testbed
-        self.daemon = daemon
-        self.bus = system_bus
-        self.root = hadrix_root
-        self.services = platform_services(cards=[1, 2])
-        self.hadrix = None
-
-    def start(self, headset_at_boot):
-        if headset_at_boot:
-            plug(self.testbed, 'headset', self.kernel_log, AT_BOOT)
-        self.hadrix = self.daemon.start()
-        if headset_at_boot:
-            # The end of the start-up enumeration: its broadcast to clients.
-            self.hadrix.wait_for_log('m_SendEventToClient end', timeout=15)
-        return self.hadrix
-
-    def plug_later(self, name):
-        mark = self.hadrix.log.mark()
-        plug(self.testbed, name, self.kernel_log, LATER)
-        self.hadrix.wait_for_log('Ondetect info end', since=mark, timeout=10)
-
-    def api(self, method, argument):
-        self.bus.wait_for_name(SERVER_NAME)
-        return self.bus.connect().call_blocking(SERVER_NAME, SERVER_PATH, SERVER_IFACE, method,
-                                                's', [argument], timeout=5)
-
-
-# Scenarios: each runs the service up to the point where it has written, or declined to write,
-# the file of its case.
+# Scenarios: each runs the service up to where it has written, or declined to write, its file.
 
 def boot_with_a_headset(tv):
-    tv.start(headset_at_boot=True)
+    tv.start('m_SendEventToClient end', boot=['headset'], cards=[1, 2])
 
 
 def boot_then_a_headset_plugged_by_the_viewer(tv):
-    tv.start(headset_at_boot=True)
-    tv.plug_later('headset2')
+    boot_with_a_headset(tv)
+    tv.plug('headset2')
 
 
 def boot_with_an_unusable_kernel_log(tv):
-    tv.kernel_log.path.write_text('<5>[0.000000] Booting Linux on physical CPU 0x0\n')
-    tv.start(headset_at_boot=False)
+    tv.log.path.write_text('<5>[0.000000] Booting Linux on physical CPU 0x0\n')
+    tv.start(cards=[1, 2])
 
 
 def boot_with_the_kernel_usb_table(tv):
-    table = os.path.join(tv.testbed.root, 'sys/kernel/debug/usb/devices')
+    table = os.path.join(tv.bed.root, 'sys/kernel/debug/usb/devices')
     os.makedirs(os.path.dirname(table), exist_ok=True)
     with open(table, 'w') as out:
-        out.write(USB_TABLE)
-    tv.start(headset_at_boot=True)
+        out.write('T:  Bus=01 Lev=01 Prnt=01 Port=00 Cnt=01 Dev#=  3 Spd=12   MxCh= 0\n'
+                  'P:  Vendor=0b0e ProdID=0300 Rev= 1.00\n')
+    boot_with_a_headset(tv)
 
 
 def a_client_subscribes(tv):
-    tv.start(headset_at_boot=False)
-    assert str(tv.api('SubscribeHadrixServiceCallback', 'org.example.player')) == \
+    tv.start(cards=[1, 2])
+    assert str(tv.call('SubscribeHadrixServiceCallback', 's', 'org.example.player')) == \
         'objorg.example.player'
 
 
 def a_volume_step(tv):
-    tv.start(headset_at_boot=False)
-    tv.hadrix.wait_for_log('m_DeviceInit out', timeout=10)
+    tv.start('m_DeviceInit out', cards=[1, 2])
     launch(tv.bus.connect(), HADRIX_BUS_NAME, 'default', [('localFileData', 'volumeUp')])
 
 
@@ -114,12 +61,10 @@ def a_volume_step(tv):
 class Case:
     planted: Callable  # Tv -> {the path as the service names it: its host path}
     scenario: Callable
-    # A regular expression for the service's log line saying it went for the file (a group
-    # "path" naming it, where several links are planted), or None when the scenario's end says
-    # so.
+    # The log line (a regular expression) saying the service went for the file, its group
+    # "path" naming it where several links are planted; None when the scenario's end says so.
     attempt: str
-    # A regular expression for the whole message the service logs when it declines to write
-    # there ({} is the path as the service names it).
+    # The whole message logged when the service declines to write there ({}: the path).
     declined: str
 
 
@@ -142,16 +87,14 @@ OPEN_FAILED = 'open file error'
 MARKER_THERE_OR_REFUSED = r'(file )?{} exist|open {} fail: .*'
 SETTING_REFUSED = r'fail to vconfkey {}\[\d+\]'
 CASES = {
-    'depot': Case(service_path('/home/owner/apps_rw/hadrix/data/devices.depot'),
-                  boot_with_a_headset, WRITE.format(r'/home/\S+/devices\.depot'),
-                  OPEN_FAILED),
-    'subscriber-file': Case(service_path('/home/owner/apps_rw/hadrix/data/.subscriber'),
-                            a_client_subscribes, None, 'symbolic link is detected'),
-    'usb-audio-mode-marker': Case(service_path('/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode'),
+    'depot': Case(service_path(DEPOT), boot_with_a_headset,
+                  WRITE.format(r'/home/\S+/devices\.depot'), OPEN_FAILED),
+    'subscriber-file': Case(service_path(SUBSCRIBER_FILE), a_client_subscribes, None,
+                            'symbolic link is detected'),
+    'usb-audio-mode-marker': Case(service_path(USB_AUDIO_MODE),
                                   boot_then_a_headset_plugged_by_the_viewer,
                                   'SetUSBAudioMode enter : 1', MARKER_THERE_OR_REFUSED),
-    'kpi-log': Case(service_path('/var/log/hadrix/kpi.jsonl'),
-                    boot_then_a_headset_plugged_by_the_viewer,
+    'kpi-log': Case(service_path(KPI_FILE), boot_then_a_headset_plugged_by_the_viewer,
                     WRITE.format(r'/var/log/hadrix/kpi\.jsonl'), OPEN_FAILED),
     'running-marker': Case(service_path('/tmp/hadrix.running'), boot_with_a_headset,
                            re.escape('try to usb_device_list_get 1 tail.'), MARKER_THERE_OR_REFUSED),
@@ -162,29 +105,15 @@ CASES = {
                                    WRITE.format(r'/tmp/dmesg\.txt\.err\.1'), OPEN_FAILED),
     'usb-device-table': Case(usb_table_names, boot_with_the_kernel_usb_table,
                              WRITE.format(r'/tmp/usb_devices_uptime_\d+'), OPEN_FAILED),
-    'mute-setting': Case(setting('db/hadrix/volume_mute_status'), boot_with_a_headset,
+    'mute-setting': Case(setting(MUTE_KEY), boot_with_a_headset,
                          'usb sound service first launch', SETTING_REFUSED),
     'volume-setting': Case(setting('db/hadrix/volume_level'), a_volume_step,
                            re.escape('ChangeVolume step:[1],bUp:[1]'), SETTING_REFUSED),
 }
 
 
-@pytest.fixture
-def tv(platform_services, kernel_log, testbed, daemon, system_bus, hadrix_root):
-    kernel_log.boot()
-    return Tv(platform_services, kernel_log, testbed, daemon, system_bus, hadrix_root)
-
-
-def plant(links, victim):
-    for link in links:
-        link.parent.mkdir(parents=True, exist_ok=True)
-        os.symlink(victim, link)
-
-
 def victim_state(victim):
-    if not victim.exists():
-        return None
-    return victim.read_text(), victim.stat().st_mtime_ns
+    return (victim.read_text(), victim.stat().st_mtime_ns) if victim.exists() else None
 
 
 @pytest.mark.timeout(90)
@@ -193,14 +122,16 @@ def victim_state(victim):
 def test_a_planted_link_is_never_written_through(tv, tmp_path, case, victim_exists):
     victim = tmp_path / 'victim'
     if victim_exists:
-        victim.write_text(VICTIM_TEXT)
+        victim.write_text('precious\n')
         os.utime(victim, ns=(VICTIM_MTIME_NS, VICTIM_MTIME_NS))
     before = victim_state(victim)
     links = case.planted(tv)
-    plant(links.values(), victim)
+    for link in links.values():
+        link.parent.mkdir(parents=True, exist_ok=True)
+        os.symlink(victim, link)
 
     case.scenario(tv)
-    hadrix = tv.hadrix
+    hadrix = tv.daemon
     name = next(iter(links))
     if case.attempt:
         attempt = hadrix.wait_for_log(re.compile(case.attempt), timeout=15)
@@ -223,7 +154,6 @@ def test_a_planted_link_is_never_written_through(tv, tmp_path, case, victim_exis
     else:
         assert os.readlink(target) == str(victim)
     # The service carries on: it answers its clients and ends normally.
-    assert str(tv.api('check_dbus_connection', 'org.example.probe')) == 'objorg.example.probe'
+    assert str(tv.call('check_dbus_connection', 's', 'org.example.probe')) == 'objorg.example.probe'
     assert hadrix.stop() == 0
     assert victim_state(victim) == before
-    print(f'{target.name}: {outcome}')
