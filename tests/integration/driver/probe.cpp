@@ -160,16 +160,6 @@ int LaunchApp(const Ints &, const Args &args)
     return ExitStatus(CUsbServiceUtil::LaunchApp(extraData));
 }
 
-// Prints the control's values, channels separated by commas.
-int ControlGet(const Ints &n, const Args &args)
-{
-    std::string values;
-    if (!CUsbMixer::ControlGet(n[0], args[0], values))
-        return ExitStatus(false);
-    printf("%s\n", values.c_str());
-    return 0;
-}
-
 // One tab-separated line: [action,] devpath, class, number, vendor id, product id, product,
 // manufacturer, devname.
 void PrintUsbDevice(const char *action, usb_device_s *device)
@@ -359,9 +349,6 @@ const Command kCommands[] = {
     {"launch-app", "KEY VALUE [KEY VALUE...]", 0, -2, LaunchApp},
     {"set-max-volume", "CARD (prints the result code)", 1, 0,
      [](const Ints &n, const Args &) { return Print(CUsbMixer::SetMaxVolume(n[0])); }},
-    {"cset", "CARD CONTROL-ID VALUE", 1, 2,
-     [](const Ints &n, const Args &t) { return ExitStatus(CUsbMixer::ControlWrite(n[0], t[0], t[1])); }},
-    {"cget", "CARD CONTROL-ID", 1, 1, ControlGet},
     {"usb-list", "", 0, 0, UsbList},
     {"usb-monitor", "SECONDS", 1, 0, UsbMonitor},
     {"pulse-start", "CARD", 1, 0,
@@ -369,7 +356,6 @@ const Command kCommands[] = {
     {"pulse-stop", "CARD", 1, 0,
      [](const Ints &n, const Args &) { return ExitStatus(The<Pulse>()->SendSignalToPulseAudio(false, n[0])); }},
     {"pulse-async-twice", "CARD1 CARD2", 2, 0, PulseAsyncTwice},
-    {"card-from-pulse", "", 0, 0, [](const Ints &, const Args &) { return Print(getCardFromPulse(nullptr)); }},
     // The service's adapters of the sound manager and audio control.
     {"handler-route-get", "", 0, 0,
      [](const Ints &, const Args &) { return Print(The<SoundHandler>()->GetSpeakerSelection()); }},

@@ -35,6 +35,8 @@ TEST_F(LocalFileDataTest, VolumeAndMuteDefaultsAndStoredValues)
 {
     EXPECT_EQ(Fresh().GetVolumeLevel(), 50) << "a missing level falls back to 50";
     EXPECT_FALSE(Fresh().GetMuteState()) << "a missing mute state means not muted";
+    ASSERT_EQ(vconf_set_int(kLevelKey, 0), 0);
+    EXPECT_EQ(Fresh().GetVolumeLevel(), 0) << "a stored 0 is no missing level";
 
     ASSERT_EQ(vconf_set_int(kLevelKey, 120), 0);
     ASSERT_EQ(vconf_set_int(kMuteKey, 7), 0);
