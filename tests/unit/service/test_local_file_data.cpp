@@ -89,23 +89,6 @@ TEST_F(LocalFileDataTest, LevelChangesStayWithinZeroToHundred)
     EXPECT_EQ(StoredInt(kLevelKey), 77);
 }
 
-TEST_F(LocalFileDataTest, MarkersComeAndGo)
-{
-    CLocalFileData &data = Fresh();
-    EXPECT_FALSE(data.IsUSBAudioMode());
-    data.SetUSBAudioMode(false); // nothing to delete: must not fail
-    data.SetUSBAudioMode(true);
-    data.SetUSBAudioMode(true);
-    EXPECT_TRUE(data.IsUSBAudioMode());
-    EXPECT_EQ(root.ReadFile(kData + "USB_AUDIO_mode"), "") << "the marker is always empty";
-    data.SetUSBAudioMode(false);
-    EXPECT_FALSE(root.Exists(kData + "USB_AUDIO_mode"));
-
-    EXPECT_FALSE(data.IsUSBServiceRunning());
-    data.SetUSBServiceRunning();
-    EXPECT_TRUE(data.IsUSBServiceRunning());
-}
-
 TEST_F(LocalFileDataTest, WriteReplacesWholeFilesInNewDirectoriesAndAppendAddsToTheEnd)
 {
     CLocalFileData &data = Fresh();
