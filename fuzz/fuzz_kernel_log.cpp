@@ -1,6 +1,6 @@
 // Kernel-log analysis over arbitrary log text: the line parsers over the whole text, the searches
-// from every line start, the full and the partial parse with the text served as the kernel's log,
-// and the judgements on the result.
+// from every blank and word start (remembered and fresh alike), the full and the partial parse
+// with the text served as the kernel's log, and the judgements on the result.
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -11,7 +11,7 @@
 namespace {
 
 constexpr uint32_t kUptimeMs = 3600 * 1000;
-constexpr size_t kMaxLineStarts = 4096;
+constexpr size_t kMaxPositions = 1024;
 
 // The analysis with the input as its kernel log, served as klogctl serves it: the size query
 // answers the log's size, a read returns its newest bytes.
@@ -32,18 +32,21 @@ public:
         m_ParseUsbDeviceDetectedByDevicePort(text, len);
         m_ParseUsbDeviceDisconnected(text, len);
 
+        // At every blank (where the markers begin) and word start, in order, the remembered scans
+        // must give what a fresh scan back to the start of the text gives.
         BackwardMemo memo(text);
-        size_t starts = 0;
-        for (const char *pos = text; pos && starts < kMaxLineStarts; ++starts) {
-            m_ParseLeftNearestTimeStamp(text, len, pos, &memo);
-            m_ParseLeftUsbPort(text, len, pos, &memo);
-            m_ParseRightVendorProductId(text, len, pos);
-            const char *newline = static_cast<const char *>(memchr(pos, '\n', len - (pos - text)));
-            pos = newline ? newline + 1 : nullptr;
+        size_t positions = 0;
+        for (size_t at = 1; at < len && positions < kMaxPositions; ++at) {
+            if (text[at] != ' ' && text[at - 1] != ' ' && text[at - 1] != '\n')
+                continue;
+            ++positions;
+            const char *pos = text + at;
+            FUZZ_CHECK(m_ParseLeftNearestTimeStamp(text, len, pos, &memo) ==
+                       m_ParseLeftNearestTimeStamp(text, len, pos));
+            FUZZ_CHECK(m_ParseLeftUsbPort(text, len, pos, &memo) == m_ParseLeftUsbPort(text, len, pos));
+            if (text[at - 1] == '\n')
+                m_ParseRightVendorProductId(text, len, pos);
         }
-        // Without a memo each search scans back to the start of the text.
-        m_ParseLeftNearestTimeStamp(text, len, text + len);
-        m_ParseLeftUsbPort(text, len, text + len);
     }
 
 private:

@@ -93,19 +93,6 @@ def test_no_bus_fails_the_signal_without_waiting(probe, tmp_path):
     assert 'no connection' in messages(result)
 
 
-def test_card_list_diagnostic_logs_every_card(mocks, probe):
-    without_server = probe('card-from-pulse')
-    assert (without_server.returncode, without_server.stdout) == (0, '1\n')
-    assert any(m.startswith('error : ') for m in messages(without_server))
-
-    server = mocks.spawn('pulse_audio', {'cards': [1, 4, 9]})
-    result = probe('card-from-pulse')
-
-    assert (result.returncode, result.stdout) == (0, '1\n')
-    assert [m for m in messages(result) if m.startswith('cardNum : ')] == ['cardNum : 1', 'cardNum : 4', 'cardNum : 9']
-    assert server.calls(QUERY) == [(QUERY, [])]
-
-
 # (args, exit status, stdout, what the adapter logs)
 ADAPTER_FAILURES = [
     (('handler-route-get',), 0, '7\n', 'sound_manager_get_speaker_selection return fail : -'),

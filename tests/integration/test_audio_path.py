@@ -69,15 +69,6 @@ def test_astro_headset_never_enters_the_device_list(tv):
     assert 'Evolve 20' in saved and 'Astro' not in saved
 
 
-def test_three_headsets_give_exactly_two_in_use_oldest_first(tv):
-    tv.start(INIT_DONE, NO_BOOT_DEVICES, cards=[1, 2, 3])
-    for name in ('headset', 'headset2', 'headset3'):
-        tv.plug(name)
-    tv.daemon.wait_for_log('USB HEADSET more than 2..')
-    assert sorted(s.args[0] for s in tv.signals.wait_for('Start', count=2)) == [1, 2]
-    assert all(s.args != (3,) for s in tv.signals.signals('Start'))
-
-
 @pytest.mark.parametrize('low_power', [2, 4])
 def test_low_power_mutes_and_resume_enumerates_again(tv, low_power):
     tv.start(INIT_DONE, NO_BOOT_DEVICES)

@@ -71,7 +71,7 @@ def test_device_list_holds_the_two_in_use_and_every_change_tells_the_clients(tv,
     request.addfinalizer(signals.stop)
     tv.root.set_setting(LEVEL_KEY, 23)
     tv.start('switch to usb speaker as it is usb audio mode...', boot=['headset'],
-             usb_audio_mode=True)
+             usb_audio_mode=True, cards=[1, 2, 3])
     # The line comes just before the headset is marked in use.
     tv.daemon.wait_until(lambda: any(r['selected'] for r in records(devices(tv))),
                          what='the headset in use in the client list')
@@ -85,7 +85,9 @@ def test_device_list_holds_the_two_in_use_and_every_change_tells_the_clients(tv,
     tv.plug('headset3')
     data = devices(tv)
     assert len(data) == 654
-    # Two headsets carry the sound; the third, idle one is left out although the list has room.
+    # Two headsets carry the sound, the oldest; the third, idle one is left out although the
+    # list has room.
+    assert sorted(s.args[0] for s in tv.signals.wait_for('Start', count=2)) == [1, 2]
     assert [(r['product'], r['manufacturer'], r['selected'], r['status'], r['volume'])
             for r in records(data)] == [
         ('Evolve 20 (USB)', 'Jabra', 1, 'connected', 23),

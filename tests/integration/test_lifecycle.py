@@ -10,8 +10,12 @@ from simtv.log import RED
 
 def test_startup_runs_in_order_and_creates_the_service(daemon):
     hadrix = daemon.start()
+    # The create callback brings up the volume and mute (stored values and their bounds:
+    # test_local_file_data.cpp; a stored level: test_settings.py).
+    hadrix.wait_for_log('get usb sound mute state  0')
 
-    order = ['hadrix main', 'setlocale re', 'bindtextdomain re', 'hadrix loop start', 'service_app_create']
+    order = ['hadrix main', 'setlocale re', 'bindtextdomain re', 'hadrix loop start', 'service_app_create',
+             'fail to get usb sound volume, set to default :50']
     lines = hadrix.log.lines()
     positions = [next((i for i, line in enumerate(lines) if text in line), None) for text in order]
     assert None not in positions and positions == sorted(positions), dict(zip(order, positions))
@@ -20,30 +24,13 @@ def test_startup_runs_in_order_and_creates_the_service(daemon):
     assert (main.prio, main.tag, main.pid, main.colour, main.file) == ('E', 'hadrix', hadrix.pid, RED, 'src/main.cpp')
 
 
-@pytest.mark.parametrize('volume, mute, logged', [
-    (None, None, ['fail to get usb sound volume, set to default :50', 'get usb sound mute state  0']),
-    (120, 1, ['get usb sound volume level 120', 'get usb sound mute state  1']),
-    (0, 0, ['get usb sound volume level 0', 'get usb sound mute state  0']),
-], ids=['unset', 'set', 'zero'])
-def test_create_brings_up_stored_volume_and_mute(daemon, hadrix_root, volume, mute, logged):
-    for key, value in (('db/hadrix/volume_level', volume), ('db/hadrix/volume_mute_status', mute)):
-        if value is not None:
-            hadrix_root.set_setting(key, value)
-
-    hadrix = daemon.start()
-
-    hadrix.wait_for_log('get usb sound mute state')
-    assert [bool(hadrix.log.find(line)) for line in logged] == [True, True], logged
-    assert bool(hadrix.log.find('set to default')) == (volume is None)
-
-
-def test_launch_requests_reach_app_control_and_wrong_argument_types_are_refused(daemon, system_bus):
+def test_launch_requests_reach_app_control_and_wrong_arguments_are_refused(daemon, system_bus):
     hadrix = daemon.start()
     bus = system_bus.connect()
     assert not hadrix.log.find('service_app_control')
 
     wrong = [('s', ['default']), ('si', ['default', 3]), ('sa{ss}', ['default', {'pulse': 'start'}]),
-             ('aa(ss)', [[[('pulse', 'start')]]])]
+             ('aa(ss)', [[[('pulse', 'start')]]]), ('sa(ss)', ['default', [('', 'start')]])]
     for signature, args in wrong:
         with pytest.raises(dbus.exceptions.DBusException) as refused:
             launch(bus, HADRIX_BUS_NAME, signature=signature, args=args)
@@ -57,13 +44,14 @@ def test_launch_requests_reach_app_control_and_wrong_argument_types_are_refused(
     assert hadrix.running()
 
 
-def test_ready_once_then_watchdog_every_five_seconds(daemon, notify_socket):
+def test_ready_and_period_once_then_watchdog_every_five_seconds(daemon, notify_socket):
     daemon.start()
 
     watchdog = notify_socket.wait_for('WATCHDOG=1', count=2, timeout=13)
     ready = notify_socket.assignments('READY=1')
 
     assert len(ready) == 1
+    assert len(notify_socket.assignments('WATCHDOG_USEC=60000000')) == 1
     assert ready[0] < watchdog[0]
     assert 4.0 <= watchdog[1] - watchdog[0] <= 6.5
 

@@ -5,10 +5,9 @@ import errno
 import pytest
 
 from conftest import AT_BOOT, LATER
-from simtv import paths
 from simtv.alsa_card import BOOLEAN, INTEGER, Control
 from simtv.devices import plug
-from simtv.popups import GUIDE_LAYOUT, HIDE_TIMEOUT_MS, POPUP_AREA, Popups
+from simtv.popups import GUIDE_LAYOUT, HIDE_TIMEOUT_MS, POPUP_AREA
 
 GUIDE_IMAGE = '/usr/apps/hadrix/shared/res/img_usb_port_guide.svg'
 TV = ('UA55TV', 'REP.DEVICE.TV', None)
@@ -156,22 +155,3 @@ def test_popups_follow_the_menu_language(popup_tv, menu_language):
     assert popups.wait_for(2)[1].body == (
         "Branchez l'appareil sur un autre port USB. Du bruit peut survenir lorsque deux "
         'périphériques audio USB sont branchés sur des ports USB voisins.')
-
-
-def test_host_client_updates_the_popup_in_place_and_reports_dismissal(mocks, launcher):
-    """The platform layer alone: posting again replaces the popup on screen, "%s" are filled,
-    and the user's dismissal comes back on the main loop."""
-    popups = Popups(mocks.spawn('notifications'))
-    probe = launcher.start(paths.program('hadrix-probe'),
-                           ['notify', 10, 'Evolve 20', 'Volume %s of %s', 35, 100], label='probe')
-    probe.wait_for_output('posted 0 0')
-    probe.wait_for_output('ready')
-    first, second = popups.posted()
-    assert (first.replaces_id, first.title, first.body) == (0, 'Evolve 20', 'Volume 35 of 100')
-    [(shown_id, _, _)] = popups.on_screen()
-    assert (second.replaces_id, second.title) == (shown_id, 'Evolve 20 (updated)')
-    assert first.hints == {} and first.expire_timeout == -1, 'nothing set, nothing sent'
-    popups.mock.call('Dismiss', shown_id)
-    probe.wait_for_output('event 2 on-loop')
-    assert probe.stop() == 0
-    assert popups.closed() == [shown_id], 'deleting the handle takes its popup down'

@@ -153,19 +153,11 @@ def test_multiview_routes_per_zone_and_publishes_the_volume(keys_tv):
     wait_grabbed(tv)
     press(tv, VOLUME_UP)
     tv.daemon.wait_until(lambda: tv.setting(LEVEL_KEY) == '41', what='level 41')
-    info = tv.daemon.wait_until(
-        lambda: (json.loads(tv.setting(VOLUME_INFO_KEY) or '{}').get('volumelevel') == 41
-                 and tv.setting(VOLUME_INFO_KEY)), what='volume info 41')
-    assert list(json.loads(info).items()) == [('mute', 'off'), ('volumekey', 'none'),
-                                             ('volumelevel', 41)]
+    # The value's form: test_multiview_json.cpp.
+    tv.daemon.wait_until(
+        lambda: json.loads(tv.setting(VOLUME_INFO_KEY) or '{}').get('volumelevel') == 41,
+        what='volume info 41')
     assert 'extvolume_updown' not in [cmd for cmd, _ in commands(tv)]
-
-
-def test_multiview_needs_exactly_on(keys_tv):
-    keys_tv.root.set_setting(UI_MODE_KEY, 'On')
-    plugged_later(keys_tv)
-    keys_tv.services.sound.wait_for_calls('SetSpeakerSelection')
-    assert keys_tv.services.sound.calls('SetMultiviewSpeakerSelection') == []
 
 
 def test_mirroring_changes_level_and_mute_in_usb_audio_mode_once_per_value(keys_tv):

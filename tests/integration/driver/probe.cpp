@@ -11,7 +11,6 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <glib-unix.h>
@@ -19,7 +18,6 @@
 #include <glib.h>
 
 #include "nimbos/keyrouter.h"
-#include "nimbos/notification.h"
 #include "nimbos/power.h"
 #include "nimbos/sound.h"
 #include "nimbos/usb.h"
@@ -160,16 +158,6 @@ int LaunchApp(const Ints &, const Args &args)
     return ExitStatus(CUsbServiceUtil::LaunchApp(extraData));
 }
 
-// Prints the control's values, channels separated by commas.
-int ControlGet(const Ints &n, const Args &args)
-{
-    std::string values;
-    if (!CUsbMixer::ControlGet(n[0], args[0], values))
-        return ExitStatus(false);
-    printf("%s\n", values.c_str());
-    return 0;
-}
-
 // One tab-separated line: [action,] devpath, class, number, vendor id, product id, product,
 // manufacturer, devname.
 void PrintUsbDevice(const char *action, usb_device_s *device)
@@ -306,43 +294,6 @@ int KeyRouterConnect(const Ints &, const Args &)
     return ClientResult(result);
 }
 
-void OnNotificationEvent(notification *, int eventType, void *data)
-{
-    printf("event %d %s\n", eventType, Where(*static_cast<const Watch *>(data)));
-}
-
-struct NotificationDeleter {
-    void operator()(notification *noti) const { notification_delete(noti); }
-};
-
-// Posts a popup from a thread of its own (as the service does), then posts it again with the
-// title marked "(updated)"; prints both results, then "event N on-loop|off-loop" for each event,
-// and takes the popup down. TEXT's "%s" are filled with the ARGs.
-int Notify(const Ints &n, const Args &args)
-{
-    if (args.size() > 4)
-        return kUsageError;
-    std::unique_ptr<notification, NotificationDeleter> noti(notification_create(NOTIFICATION_STYLE_SIMPLE));
-    if (!noti)
-        return ExitStatus(false);
-    const std::string title = args[0];
-    const int textArgs = static_cast<int>(args.size()) - 2;
-    notification_set_text(noti.get(), NOTIFICATION_TEXT_TITLE, title.c_str(), NOTIFICATION_TEXT_NO_ARGS);
-    notification_set_text(noti.get(), NOTIFICATION_TEXT_CONTENT, args[1].c_str(), textArgs,
-                          textArgs > 0 ? args[2].c_str() : nullptr, textArgs > 1 ? args[3].c_str() : nullptr);
-    int first = 0;
-    int second = 0;
-    Watch watch{"notify"};
-    std::thread([&] {
-        first = notification_post_with_event_cb(noti.get(), OnNotificationEvent, &watch);
-        const std::string updated = title + " (updated)";
-        notification_set_text(noti.get(), NOTIFICATION_TEXT_TITLE, updated.c_str(), NOTIFICATION_TEXT_NO_ARGS);
-        second = notification_post(noti.get());
-    }).join();
-    printf("posted %d %d\n", first, second);
-    return RunLoopFor(n[0]);
-}
-
 int Timed(const Ints &, const Args &args);
 
 struct Command {
@@ -359,9 +310,6 @@ const Command kCommands[] = {
     {"launch-app", "KEY VALUE [KEY VALUE...]", 0, -2, LaunchApp},
     {"set-max-volume", "CARD (prints the result code)", 1, 0,
      [](const Ints &n, const Args &) { return Print(CUsbMixer::SetMaxVolume(n[0])); }},
-    {"cset", "CARD CONTROL-ID VALUE", 1, 2,
-     [](const Ints &n, const Args &t) { return ExitStatus(CUsbMixer::ControlWrite(n[0], t[0], t[1])); }},
-    {"cget", "CARD CONTROL-ID", 1, 1, ControlGet},
     {"usb-list", "", 0, 0, UsbList},
     {"usb-monitor", "SECONDS", 1, 0, UsbMonitor},
     {"pulse-start", "CARD", 1, 0,
@@ -369,7 +317,6 @@ const Command kCommands[] = {
     {"pulse-stop", "CARD", 1, 0,
      [](const Ints &n, const Args &) { return ExitStatus(The<Pulse>()->SendSignalToPulseAudio(false, n[0])); }},
     {"pulse-async-twice", "CARD1 CARD2", 2, 0, PulseAsyncTwice},
-    {"card-from-pulse", "", 0, 0, [](const Ints &, const Args &) { return Print(getCardFromPulse(nullptr)); }},
     // The service's adapters of the sound manager and audio control.
     {"handler-route-get", "", 0, 0,
      [](const Ints &, const Args &) { return Print(The<SoundHandler>()->GetSpeakerSelection()); }},
@@ -410,7 +357,6 @@ const Command kCommands[] = {
     {"power-get", "", 0, 0, PowerGet},
     {"power-watch", "SECONDS", 1, 0, PowerWatch},
     {"key-router-connect", "", 0, 0, KeyRouterConnect},
-    {"notify", "SECONDS TITLE TEXT [ARG [ARG]]", 1, -2, Notify},
     // Runs a command once the bus connection is set up and prints "took <ms> ms": the time of
     // the command's own calls, without the process's start.
     {"timed", "COMMAND [ARGS...]", 0, -1, Timed},

@@ -69,7 +69,6 @@ struct FakeKernel {
 // The analyser with its steps reachable one by one.
 class Analysis : public CDMesgAnalysis {
 public:
-    using CDMesgAnalysis::BackwardMemo;
     using CDMesgAnalysis::m_ParseLeftNearestTimeStamp;
     using CDMesgAnalysis::m_ParseLeftUsbPort;
     using CDMesgAnalysis::m_ParseRightVendorProductId;
@@ -126,27 +125,6 @@ TEST_F(DMesgAnalysisTest, TimeStampIsTheNearestStrictStampLeftOfThePosition)
     const char text[] = "[1.0] x";
     EXPECT_EQ(m_Analysis.m_ParseLeftNearestTimeStamp(nullptr, 0, text), UNKNOWN);
     EXPECT_EQ(m_Analysis.m_ParseLeftNearestTimeStamp(text, strlen(text), text), UNKNOWN);
-}
-
-// The walk over the log remembers earlier answers; it must give what a fresh scan gives.
-TEST_F(DMesgAnalysisTest, RememberedScansAgreeWithFreshScansOnRandomText)
-{
-    std::mt19937 rng(42);
-    const std::string alphabet = "[]0123456789.-- \n\nab:";
-    for (int round = 0; round < 200; ++round) {
-        std::string text(400, ' ');
-        for (char &c : text)
-            c = alphabet[rng() % alphabet.size()];
-        Analysis::BackwardMemo memo(text.c_str());
-        for (size_t pos = 1; pos < text.size(); pos += 1 + rng() % 23) {
-            const char *p = text.c_str() + pos;
-            SCOPED_TRACE("round " + std::to_string(round) + " pos " + std::to_string(pos));
-            ASSERT_EQ(m_Analysis.m_ParseLeftNearestTimeStamp(text.c_str(), text.size(), p, &memo),
-                      m_Analysis.m_ParseLeftNearestTimeStamp(text.c_str(), text.size(), p));
-            ASSERT_EQ(m_Analysis.m_ParseLeftUsbPort(text.c_str(), text.size(), p, &memo),
-                      m_Analysis.m_ParseLeftUsbPort(text.c_str(), text.size(), p));
-        }
-    }
 }
 
 // The log is searched a window at a time; a marker on a window's edge must still be found.

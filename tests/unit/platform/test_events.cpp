@@ -1,87 +1,13 @@
-// Event handlers and main-loop jobs of the host platform.
+// Main-loop jobs of the host platform (the key-event handlers are the daemon's volume-key tests).
 #include <gtest/gtest.h>
 
 #include "nimbos/events.h"
 
-#include "HostEvents.h"
-
 #include <glib.h>
 
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace {
-
-using Labels = std::vector<std::string>;
-
-void RaiseKeyDown()
-{
-    ecore_device_s device{"rc device 0"};
-    ecore_event_key_s event{"XF86AudioRaiseVolume", &device};
-    nimbos::RaiseKeyEvent(ECORE_EVENT_KEY_DOWN, &event);
-}
-
-// A handler that records its label (the first also the event), may delete a handler, and answers `result`.
-struct Handler {
-    Handler(const char *name, int answer = ECORE_EVENT_CONTINUE) : label(name), result(answer) {}
-    std::string label;
-    int result;
-    Labels *calls = nullptr;
-    ecore_event_handler_s *self = nullptr;
-    ecore_event_handler_s **toDelete = nullptr;
-};
-
-int Record(int type, void *event, void *data)
-{
-    auto *handler = static_cast<Handler *>(data);
-    const auto *key = static_cast<const ecore_event_key_s *>(event);
-    handler->calls->push_back(handler->label);
-    if (handler->calls->size() == 1)
-        handler->calls->push_back(std::to_string(type) + " " + key->keyname + " " + key->device->name);
-    if (handler->toDelete)
-        ecore_event_handler_del(*handler->toDelete);
-    handler->toDelete = nullptr;
-    return handler->result;
-}
-
-// Adds the handlers in order (the one labelled "up" for key-up events), raises two key-down
-// events, deletes what is left, and returns the calls.
-Labels RaiseTwice(std::vector<Handler> &handlers)
-{
-    Labels calls;
-    for (Handler &handler : handlers) {
-        handler.calls = &calls;
-        handler.self = ecore_event_handler_add(handler.label == "up" ? ECORE_EVENT_KEY_UP : ECORE_EVENT_KEY_DOWN,
-                                               Record, &handler);
-    }
-    RaiseKeyDown();
-    RaiseKeyDown();
-    for (Handler &handler : handlers)
-        if (handler.label != "self" && handler.label != "victim")
-            ecore_event_handler_del(handler.self);
-    return calls;
-}
-
-TEST(EventHandlers, RunInAddOrderForTheirTypeUntilOneStopsThatEvent)
-{
-    std::vector<Handler> handlers{{"first"}, {"up"}, {"stopper", ECORE_EVENT_STOP}, {"last"}};
-    EXPECT_EQ(RaiseTwice(handlers),
-              (Labels{"first", "1 XF86AudioRaiseVolume rc device 0", "stopper", "first", "stopper"}));
-    EXPECT_EQ(ecore_event_handler_add(0, Record, nullptr), nullptr);
-    EXPECT_EQ(ecore_event_handler_add(3, Record, nullptr), nullptr);
-    EXPECT_EQ(ecore_event_handler_add(ECORE_EVENT_KEY_UP, nullptr, nullptr), nullptr);
-    ecore_event_handler_del(nullptr);
-}
-
-TEST(EventHandlers, DeletedInsideAHandlerAreNotCalledAgain)
-{
-    std::vector<Handler> handlers{{"self"}, {"deleter"}, {"victim"}, {"witness"}};
-    handlers[0].toDelete = &handlers[0].self;
-    handlers[1].toDelete = &handlers[2].self;
-    EXPECT_EQ(RaiseTwice(handlers), (Labels{"self", "1 XF86AudioRaiseVolume rc device 0", "deleter", "witness",
-                                            "deleter", "witness"}));
-}
 
 // A job that counts its runs and may delete a job when it runs.
 struct CountedJob {

@@ -54,18 +54,4 @@ TEST(SystemInfoTest, ReadsTheFileAsItIsNowAndFailsWithoutTouchingTheResult)
     EXPECT_EQ(Model(), "<error>") << "unparsable";
 }
 
-TEST(SystemInfoTest, RefusesBadArguments)
-{
-    TempRoot root;
-    root.WriteFile(kConfig, "[system]\nmodel=UA55TV\n");
-    char *raw = nullptr;
-    bool flag = false;
-    EXPECT_EQ(system_info_get_value_string(SYSTEM_INFO_KEY_MODEL, nullptr), SYSTEM_INFO_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(system_info_get_value_string(static_cast<system_info_key_e>(7), &raw),
-              SYSTEM_INFO_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(system_info_get_feature_string(nullptr, &raw), SYSTEM_INFO_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(system_info_get_feature_bool("", &flag), SYSTEM_INFO_ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(raw, nullptr);
-}
-
 } // namespace

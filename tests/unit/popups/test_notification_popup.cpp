@@ -6,7 +6,6 @@
 #include <string>
 
 #include "NotificationPopup.h"
-#include "TempRoot.h"
 
 namespace {
 
@@ -19,27 +18,6 @@ TEST(ProductDeviceTypeTest, UnreadableOrInexactValuesMeanATv)
         << "values compare exactly";
     EXPECT_EQ(DecideProductDeviceType(screen, std::nullopt), PRODUCT_DEVICE_TV) << "tuner feature unreadable";
     EXPECT_EQ(DecideProductDeviceType(screen, true), PRODUCT_DEVICE_SCREEN);
-}
-
-// The popup object reads its product once, from the system information, when it is made.
-TEST(ProductDeviceTypeTest, PopupReadsItFromTheSystemInformation)
-{
-    TempRoot root;
-    auto productWith = [&root](const char *features) {
-        if (features)
-            root.WriteFile("/etc/nimbos/system-info.conf", std::string("[system]\nmodel=UA55TV\n[features]\n") + features);
-        CSingleton<CNotificationPopup>::ReleaseInstance();
-        return CSingleton<CNotificationPopup>::GetInstance()->GetProductDeviceType();
-    };
-    EXPECT_EQ(productWith(nullptr), PRODUCT_DEVICE_TV) << "no system information";
-    EXPECT_EQ(productWith("com.corvel/featureconf/product.device_sid=REP.DEVICE.SMART.MONITOR\n"),
-              PRODUCT_DEVICE_SMART_MONITOR);
-    EXPECT_EQ(productWith("com.corvel/featureconf/product.device_sid=REP.DEVICE.SCREEN\n"
-                          "com.corvel/featureconf/broadcast.removable_rf_tuner_support=maybe\n"),
-              PRODUCT_DEVICE_TV)
-        << "a tuner feature that is not a boolean";
-    EXPECT_EQ(productWith(""), PRODUCT_DEVICE_TV) << "no device key";
-    CSingleton<CNotificationPopup>::ReleaseInstance();
 }
 
 TEST(PopupContentTest, ModelIsAskedOnlyForTheNoisePopupOnATv)

@@ -35,6 +35,8 @@ TEST_F(LocalFileDataTest, VolumeAndMuteDefaultsAndStoredValues)
 {
     EXPECT_EQ(Fresh().GetVolumeLevel(), 50) << "a missing level falls back to 50";
     EXPECT_FALSE(Fresh().GetMuteState()) << "a missing mute state means not muted";
+    ASSERT_EQ(vconf_set_int(kLevelKey, 0), 0);
+    EXPECT_EQ(Fresh().GetVolumeLevel(), 0) << "a stored 0 is no missing level";
 
     ASSERT_EQ(vconf_set_int(kLevelKey, 120), 0);
     ASSERT_EQ(vconf_set_int(kMuteKey, 7), 0);
@@ -85,23 +87,6 @@ TEST_F(LocalFileDataTest, LevelChangesStayWithinZeroToHundred)
     }
     EXPECT_EQ(data.GetVolumeLevel(), 40);
     EXPECT_EQ(StoredInt(kLevelKey), 77);
-}
-
-TEST_F(LocalFileDataTest, MarkersComeAndGo)
-{
-    CLocalFileData &data = Fresh();
-    EXPECT_FALSE(data.IsUSBAudioMode());
-    data.SetUSBAudioMode(false); // nothing to delete: must not fail
-    data.SetUSBAudioMode(true);
-    data.SetUSBAudioMode(true);
-    EXPECT_TRUE(data.IsUSBAudioMode());
-    EXPECT_EQ(root.ReadFile(kData + "USB_AUDIO_mode"), "") << "the marker is always empty";
-    data.SetUSBAudioMode(false);
-    EXPECT_FALSE(root.Exists(kData + "USB_AUDIO_mode"));
-
-    EXPECT_FALSE(data.IsUSBServiceRunning());
-    data.SetUSBServiceRunning();
-    EXPECT_TRUE(data.IsUSBServiceRunning());
 }
 
 TEST_F(LocalFileDataTest, WriteReplacesWholeFilesInNewDirectoriesAndAppendAddsToTheEnd)
