@@ -26,6 +26,20 @@ FD_TOLERANCE = 2
 HEADSET = CATALOGUE['headset']
 
 
+def open_fds(pid):
+    return len(os.listdir(f'/proc/{pid}/fd'))
+
+
+def fewest_open_fds(pid, samples=5, interval=0.2):
+    """A worker finishing late on a loaded machine holds a few descriptors for a moment, a leak
+    holds them for good."""
+    counts = []
+    for _ in range(samples):
+        counts.append(open_fds(pid))
+        time.sleep(interval)
+    return min(counts)
+
+
 @pytest.mark.timeout(300)
 def test_thousand_plugs_under_polling_clients_leave_the_service_flat(tv, child_env, mocks,
                                                                      request):
@@ -66,7 +80,7 @@ def test_thousand_plugs_under_polling_clients_leave_the_service_flat(tv, child_e
         changed()
         at += 1.0
         if number == WARM_UP or number and number % 100 == 0:
-            samples[number] = hadrix.rss_kib(), len(os.listdir(f'/proc/{hadrix.pid}/fd'))
+            samples[number] = hadrix.rss_kib(), open_fds(hadrix.pid)
     elapsed = time.monotonic() - started
     summaries = pollers.stop()
 
@@ -77,7 +91,7 @@ def test_thousand_plugs_under_polling_clients_leave_the_service_flat(tv, child_e
     # Every plug took the sound and every unplug gave it back (the boot's headset included).
     assert len(tv.signals.wait_for('Start', CYCLES + 1, timeout=10)) == CYCLES + 1
     assert len(tv.signals.wait_for('Stop', CYCLES + 1, timeout=10)) == CYCLES + 1
-    end = hadrix.rss_kib(), len(os.listdir(f'/proc/{hadrix.pid}/fd'))
+    end = hadrix.rss_kib(), fewest_open_fds(hadrix.pid)
     print(f'\nsoak: {CYCLES} cycles in {elapsed:.0f} s; (RSS KiB, fds) by cycle {samples}, at '
           f'the end {end}; clients: ' + '; '.join(
               f'{s["calls"]} calls {s["records"]} slowest {s["slowest_ms"]:.0f} ms'
