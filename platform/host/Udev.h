@@ -1,12 +1,16 @@
-// libudev handles owned by unique_ptr, and the GLib source that reads a udev monitor on the
-// main context of the thread that asked for it: shared by the host libraries that watch devices.
+// libudev handles owned by unique_ptr, the GLib source that reads a udev monitor on the main
+// context of the thread that asked for it, and the state a library keeps between its calls:
+// shared by the host libraries that watch devices.
 #pragma once
 
 #include <glib-unix.h>
 #include <glib.h>
 #include <libudev.h>
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -83,5 +87,113 @@ inline bool IsOnCallerContext(GSource *source)
     g_autoptr(GMainContext) context = g_main_context_ref_thread_default();
     return g_source_get_context(source) == context;
 }
+
+// The results of one library's calls; each library numbers them its own way.
+struct LibraryCodes {
+    int ok;
+    int notOpen;
+    int ioError;
+    int outOfMemory;
+    int invalidParameter;
+};
+
+// What a library keeps between its calls, under one lock: its udev context, opened once, and the
+// watch that hands events to its one callback. A Watch has the members monitor, source, callback
+// and userData; start(context) begins watching (null on failure), attach(monitor) reads the
+// monitor on the caller's main context.
+template <typename Watch>
+class UdevLibrary {
+public:
+    using Callback = decltype(Watch::callback);
+    using StartFn = std::unique_ptr<Watch> (*)(udev *);
+    using AttachFn = SourcePtr (*)(udev_monitor *);
+
+    constexpr UdevLibrary(LibraryCodes codes, StartFn start, AttachFn attach)
+        : m_codes(codes), m_start(start), m_attach(attach)
+    {
+    }
+
+    int Open()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_context)
+            return m_codes.ok;
+        m_context.reset(udev_new());
+        if (!m_context) {
+            HOST_LOG(DLOG_ERROR, "cannot open udev: %s", strerror(errno));
+            return m_codes.ioError;
+        }
+        return m_codes.ok;
+    }
+
+    int Close()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_context)
+            return m_codes.notOpen;
+        m_watch.reset();
+        m_context.reset();
+        return m_codes.ok;
+    }
+
+    // Registering from another thread moves the watch's source to that thread's main context.
+    int SetCallback(Callback callback, void *userData)
+    {
+        if (!callback)
+            return m_codes.invalidParameter;
+        try {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_context)
+                return m_codes.notOpen;
+            if (!m_watch) {
+                m_watch = m_start(m_context.get());
+                if (!m_watch)
+                    return m_codes.ioError;
+            } else if (!IsOnCallerContext(m_watch->source.get())) {
+                m_watch->source = m_attach(m_watch->monitor.get());
+            }
+            m_watch->callback = callback;
+            m_watch->userData = userData;
+            return m_codes.ok;
+        } catch (const std::bad_alloc &) {
+            return m_codes.outOfMemory;
+        }
+    }
+
+    int UnsetCallback()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_context)
+            return m_codes.notOpen;
+        m_watch.reset();
+        return m_codes.ok;
+    }
+
+    // list(context) under the lock: its result, or notOpen.
+    template <typename List>
+    int WithContext(List list)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_context ? list(m_context.get()) : m_codes.notOpen;
+    }
+
+    // take(watch) under the lock while the running source still serves the callback.
+    template <typename Take>
+    Next WithCurrentWatch(Take take)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_watch || m_watch->source.get() != g_main_current_source())
+            return Next::Stale;
+        return take(*m_watch);
+    }
+
+private:
+    const LibraryCodes m_codes;
+    const StartFn m_start;
+    const AttachFn m_attach;
+    std::mutex m_mutex;
+    UdevPtr m_context;
+    std::unique_ptr<Watch> m_watch;
+};
 
 } // namespace nimbos

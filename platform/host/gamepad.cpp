@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <string>
@@ -30,7 +29,6 @@ using nimbos::SourcePtr;
 using nimbos::UdevDevicePtr;
 using nimbos::UdevEnumeratePtr;
 using nimbos::UdevMonitorPtr;
-using nimbos::UdevPtr;
 constexpr auto Text = nimbos::UdevText;
 
 constexpr int kOk = 1;
@@ -113,9 +111,11 @@ struct Watch {
     std::map<std::string, _gamepad_device_info_s> known; // by devpath
 };
 
-std::mutex libraryMutex;
-UdevPtr library;
-std::unique_ptr<Watch> watch;
+std::unique_ptr<Watch> StartWatch(udev *context);
+SourcePtr AttachToCallerContext(udev_monitor *monitor);
+
+nimbos::UdevLibrary<Watch> library({kOk, kNotOpen, kIoError, kOutOfMemory, kInvalidParameter}, StartWatch,
+                                   AttachToCallerContext);
 
 struct Delivery {
     int event = 0;
@@ -150,20 +150,19 @@ std::optional<int> Interpret(Watch &state, udev_device *device, _gamepad_device_
 // current callback (unregistered or replaced meanwhile).
 Next NextDelivery(Delivery &delivery)
 {
-    std::lock_guard<std::mutex> lock(libraryMutex);
-    if (!watch || watch->source.get() != g_main_current_source())
-        return Next::Stale;
-    for (;;) {
-        UdevDevicePtr device(udev_monitor_receive_device(watch->monitor.get()));
-        if (!device)
-            return Next::Drained;
-        if (auto event = Interpret(*watch, device.get(), delivery.info)) {
-            delivery.event = *event;
-            delivery.callback = watch->callback;
-            delivery.userData = watch->userData;
-            return Next::Deliver;
+    return library.WithCurrentWatch([&delivery](Watch &watch) {
+        for (;;) {
+            UdevDevicePtr device(udev_monitor_receive_device(watch.monitor.get()));
+            if (!device)
+                return Next::Drained;
+            if (auto event = Interpret(watch, device.get(), delivery.info)) {
+                delivery.event = *event;
+                delivery.callback = watch.callback;
+                delivery.userData = watch.userData;
+                return Next::Deliver;
+            }
         }
-    }
+    });
 }
 
 gboolean OnMonitorReadable(gint, GIOCondition, gpointer)
@@ -208,47 +207,17 @@ std::unique_ptr<Watch> StartWatch(udev *context)
 
 int gamepad_open(void)
 {
-    std::lock_guard<std::mutex> lock(libraryMutex);
-    if (library)
-        return kOk;
-    library.reset(udev_new());
-    if (!library) {
-        HOST_LOG(DLOG_ERROR, "cannot open udev: %s", strerror(errno));
-        return kIoError;
-    }
-    return kOk;
+    return library.Open();
 }
 
 int gamepad_register_connection_callback(gamepad_connection_cb cb, void *user_data)
 {
-    if (!cb)
-        return kInvalidParameter;
-    try {
-        std::lock_guard<std::mutex> lock(libraryMutex);
-        if (!library)
-            return kNotOpen;
-        if (!watch) {
-            watch = StartWatch(library.get());
-            if (!watch)
-                return kIoError;
-        } else if (!nimbos::IsOnCallerContext(watch->source.get())) {
-            watch->source = AttachToCallerContext(watch->monitor.get());
-        }
-        watch->callback = cb;
-        watch->userData = user_data;
-        return kOk;
-    } catch (const std::bad_alloc &) {
-        return kOutOfMemory;
-    }
+    return library.SetCallback(cb, user_data);
 }
 
 int gamepad_unregister_connection_callback(void)
 {
-    std::lock_guard<std::mutex> lock(libraryMutex);
-    if (!library)
-        return kNotOpen;
-    watch.reset();
-    return kOk;
+    return library.UnsetCallback();
 }
 
 int gamepad_maximum_gampad_count(void)
@@ -262,14 +231,9 @@ int gamepad_get_connected_device_Info(_gamepad_device_info_s *info, int index)
         return kInvalidParameter;
     try {
         std::vector<Gamepad> present;
-        {
-            std::lock_guard<std::mutex> lock(libraryMutex);
-            if (!library)
-                return kNotOpen;
-            const int status = ListGamepads(library.get(), present);
-            if (status != kOk)
-                return status;
-        }
+        const int status = library.WithContext([&present](udev *context) { return ListGamepads(context, present); });
+        if (status != kOk)
+            return status;
         if (static_cast<size_t>(index) >= present.size())
             return 0;
         *info = present[static_cast<size_t>(index)].second;

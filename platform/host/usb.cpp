@@ -19,7 +19,6 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <string>
@@ -53,7 +52,6 @@ char kRemoved[] = "removed";
 
 using nimbos::Next;
 using nimbos::SourcePtr;
-using nimbos::UdevPtr;
 using DevicePtr = nimbos::UdevDevicePtr;
 using EnumeratePtr = nimbos::UdevEnumeratePtr;
 using MonitorPtr = nimbos::UdevMonitorPtr;
@@ -143,9 +141,12 @@ struct Watch {
     std::map<std::string, usb_device_s> known; // by devpath
 };
 
-std::mutex libraryMutex;
-UdevPtr library;
-std::unique_ptr<Watch> watch;
+std::unique_ptr<Watch> StartWatch(udev *context);
+SourcePtr AttachToCallerContext(udev_monitor *monitor);
+
+nimbos::UdevLibrary<Watch> library({USB_DEVICE_ERROR_NONE, USB_DEVICE_ERROR_NOT_INITIALIZED, USB_DEVICE_ERROR_IO_ERROR,
+                                    USB_DEVICE_ERROR_OUT_OF_MEMORY, USB_DEVICE_ERROR_INVALID_PARAMETER},
+                                   StartWatch, AttachToCallerContext);
 
 std::optional<Notification> Announce(const usb_device_s &device, char *action)
 {
@@ -187,18 +188,17 @@ struct Delivery {
 // current callback (unset, replaced or closed meanwhile).
 Next NextDelivery(Delivery &delivery)
 {
-    std::lock_guard<std::mutex> lock(libraryMutex);
-    if (!watch || watch->source.get() != g_main_current_source())
-        return Next::Stale;
-    for (;;) {
-        DevicePtr event(udev_monitor_receive_device(watch->monitor.get()));
-        if (!event)
-            return Next::Drained;
-        if (auto found = Interpret(*watch, event.get())) {
-            delivery = Delivery{std::move(*found), watch->callback, watch->userData};
-            return Next::Deliver;
+    return library.WithCurrentWatch([&delivery](Watch &watch) {
+        for (;;) {
+            DevicePtr event(udev_monitor_receive_device(watch.monitor.get()));
+            if (!event)
+                return Next::Drained;
+            if (auto found = Interpret(watch, event.get())) {
+                delivery = Delivery{std::move(*found), watch.callback, watch.userData};
+                return Next::Deliver;
+            }
         }
-    }
+    });
 }
 
 gboolean OnMonitorReadable(gint, GIOCondition, gpointer)
@@ -253,25 +253,12 @@ const char *TextOf(const usb_device_s *device, const std::string usb_device_s::*
 
 int usb_device_init(void)
 {
-    std::lock_guard<std::mutex> lock(libraryMutex);
-    if (library)
-        return USB_DEVICE_ERROR_NONE;
-    library.reset(udev_new());
-    if (!library) {
-        HOST_LOG(DLOG_ERROR, "cannot open udev: %s", strerror(errno));
-        return USB_DEVICE_ERROR_IO_ERROR;
-    }
-    return USB_DEVICE_ERROR_NONE;
+    return library.Open();
 }
 
 int usb_device_fini(void)
 {
-    std::lock_guard<std::mutex> lock(libraryMutex);
-    if (!library)
-        return USB_DEVICE_ERROR_NOT_INITIALIZED;
-    watch.reset();
-    library.reset();
-    return USB_DEVICE_ERROR_NONE;
+    return library.Close();
 }
 
 int usb_device_get_device_list(usb_device_list_s **list)
@@ -280,14 +267,9 @@ int usb_device_get_device_list(usb_device_list_s **list)
         return USB_DEVICE_ERROR_INVALID_PARAMETER;
     try {
         auto result = std::make_unique<usb_device_list_s>();
-        {
-            std::lock_guard<std::mutex> lock(libraryMutex);
-            if (!library)
-                return USB_DEVICE_ERROR_NOT_INITIALIZED;
-            int status = ListCards(library.get(), result->devices);
-            if (status != USB_DEVICE_ERROR_NONE)
-                return status;
-        }
+        int status = library.WithContext([&result](udev *context) { return ListCards(context, result->devices); });
+        if (status != USB_DEVICE_ERROR_NONE)
+            return status;
         *list = result.release();
         return USB_DEVICE_ERROR_NONE;
     } catch (const std::bad_alloc &) {
@@ -328,34 +310,12 @@ int usb_device_list_get_next(usb_device_list_s *list, usb_device_s **device)
 
 int usb_set_connected_cb(usb_connected_cb cb, void *user_data)
 {
-    if (!cb)
-        return USB_DEVICE_ERROR_INVALID_PARAMETER;
-    try {
-        std::lock_guard<std::mutex> lock(libraryMutex);
-        if (!library)
-            return USB_DEVICE_ERROR_NOT_INITIALIZED;
-        if (!watch) {
-            watch = StartWatch(library.get());
-            if (!watch)
-                return USB_DEVICE_ERROR_IO_ERROR;
-        } else if (!nimbos::IsOnCallerContext(watch->source.get())) {
-            watch->source = AttachToCallerContext(watch->monitor.get());
-        }
-        watch->callback = cb;
-        watch->userData = user_data;
-        return USB_DEVICE_ERROR_NONE;
-    } catch (const std::bad_alloc &) {
-        return USB_DEVICE_ERROR_OUT_OF_MEMORY;
-    }
+    return library.SetCallback(cb, user_data);
 }
 
 int usb_unset_connected_cb(void)
 {
-    std::lock_guard<std::mutex> lock(libraryMutex);
-    if (!library)
-        return USB_DEVICE_ERROR_NOT_INITIALIZED;
-    watch.reset();
-    return USB_DEVICE_ERROR_NONE;
+    return library.UnsetCallback();
 }
 
 int free_usb_device_h(usb_device_s *device)
