@@ -16,6 +16,7 @@
 #include "SoundManagerHandler.h"
 #include "SpeakerManagerHandler.h"
 #include "USBDevice.h"
+#include "UniqueHandle.h"
 #include "UsbMixer.h"
 
 namespace {
@@ -27,10 +28,7 @@ constexpr unsigned int kUsbOutDelay = 100;
 constexpr int kMuteGain = 100;
 constexpr int kMaxCardNumber = 31;
 
-struct FreeDeleter {
-    void operator()(char *text) const { std::free(text); }
-};
-using ExtraValue = std::unique_ptr<char, FreeDeleter>;
+using ExtraValue = UniqueHandle<char, std::free>;
 
 bool StartsWith(const char *value, const char *word)
 {

@@ -13,6 +13,7 @@
 #include "Log.h"
 #include "nimbos/app.h"
 #include "nimbos/system_info.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -53,15 +54,9 @@ const CameraRow kCameraTable[] = {
     {"Corvel Trimline Cam", "0x04E8", "0x20D3"},
 };
 
-struct FreeDeleter {
-    void operator()(void *p) const { free(p); }
-};
-using CString = std::unique_ptr<char, FreeDeleter>;
+using CString = UniqueHandle<char, free>;
 
-struct AppControlDeleter {
-    void operator()(app_control_s *h) const { app_control_destroy(h); }
-};
-using AppControl = std::unique_ptr<app_control_s, AppControlDeleter>;
+using AppControl = UniqueHandle<app_control_s, app_control_destroy>;
 
 bool IsValidIndex(int index)
 {

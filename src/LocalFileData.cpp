@@ -13,6 +13,7 @@
 #include "HadrixUtil.h"
 #include "UniqueFd.h"
 #include "nimbos/paths.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -42,10 +43,6 @@ bool WriteAll(int fd, const char *data, size_t size)
     return true;
 }
 
-struct DirCloser {
-    void operator()(DIR *dir) const { closedir(dir); }
-};
-
 // Whether name is one of mkostemp's "<prefix>XXXXXX" names.
 bool IsTemporaryOf(const std::string &name, const std::string &prefix)
 {
@@ -62,7 +59,7 @@ void CLocalFileData::RemoveUnfinishedReplacements(const std::string &resolved)
     const size_t slash = resolved.rfind('/');
     const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : resolved.substr(0, slash);
     const std::string prefix = resolved.substr(slash == std::string::npos ? 0 : slash + 1) + ".";
-    std::unique_ptr<DIR, DirCloser> entries(opendir(dir.c_str()));
+    UniqueHandle<DIR, closedir> entries(opendir(dir.c_str()));
     if (!entries)
         return;
     while (const dirent *entry = readdir(entries.get())) {

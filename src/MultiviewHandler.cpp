@@ -11,6 +11,7 @@
 #include "Log.h"
 #include "USBHeadsetMgr.h"
 #include "nimbos/zones.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -18,10 +19,7 @@ constexpr char kUiModeKey[] = "memory/multiscreen/ui_mode";
 constexpr char kUiModeOn[] = "on";
 constexpr char kVolumeInfoKey[] = "memory/multiscreen/volumeinfo_usbheadset";
 
-struct ZoneListDeleter {
-    void operator()(rc_zone_list_s *list) const { rc_free_zone_list(list); }
-};
-using ZoneListPtr = std::unique_ptr<rc_zone_list_s, ZoneListDeleter>;
+using ZoneListPtr = UniqueHandle<rc_zone_list_s, rc_free_zone_list>;
 
 // The comparison is exact: any other spelling, or an unreadable key, means multiview is off.
 bool ReadMultiviewOn()

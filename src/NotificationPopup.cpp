@@ -11,6 +11,7 @@
 #include "HadrixUtil.h"
 #include "Log.h"
 #include "nimbos/system_info.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -42,10 +43,7 @@ constexpr int kHideTimeoutSec = 60;
 // How often the destructor looks whether the last worker has left.
 constexpr gulong kWorkerPollUs = 1000;
 
-struct FreeDeleter {
-    void operator()(char *text) const { free(text); }
-};
-using PlatformText = std::unique_ptr<char, FreeDeleter>;
+using PlatformText = UniqueHandle<char, free>;
 
 std::string Translate(const char *messageId)
 {

@@ -14,6 +14,7 @@
 
 #include "Singleton.h"
 #include "nimbos/notification.h"
+#include "UniqueHandle.h"
 
 enum notification_type : int {
     NOTI_TYPE_UNSUPPORTED_DEVICE = 0,
@@ -67,10 +68,6 @@ public:
 private:
     CNotificationPopup();
 
-    struct NotificationDeleter {
-        void operator()(notification *noti) const { notification_delete(noti); }
-    };
-
     static int m_ReadProductDeviceType();
     static void m_AsyncThreadEntry(CNotificationPopup *self);
     void m_ShowNotiPopup(notification_type type, const std::string &name);
@@ -78,7 +75,7 @@ private:
     static void m_OnUSBSpeakerNotiCB(notification *noti, int event_type, void *user_data);
 
     // The popup on screen; replaced (and taken down) by the next one. Workers only, under m_Mutex.
-    std::unique_ptr<notification, NotificationDeleter> m_Notification;
+    UniqueHandle<notification, notification_delete> m_Notification;
     const int m_ProductDeviceType;
     // The last kind and name asked for: a worker shows what is pending when its turn comes, so
     // a second request before the first worker has begun makes both show the second popup.

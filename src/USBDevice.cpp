@@ -17,6 +17,7 @@
 #include "SpeakerManagerHandler.h"
 #include "USBHeadsetMgr.h"
 #include "UsbMixer.h"
+#include "UniqueHandle.h"
 #include "UsbOutputChoice.h"
 #include "UsbPopupChoice.h"
 
@@ -34,10 +35,7 @@ constexpr unsigned int kStandbyGamepadDelayMs = 1000;
 constexpr char kUsbDeviceTable[] = "/sys/kernel/debug/usb/devices";
 constexpr char kUsbDeviceTableCopy[] = "/tmp/usb_devices_uptime_";
 
-struct DeviceListDeleter {
-    void operator()(usb_device_list_s *list) const { usb_device_free_device_list(list); }
-};
-using DeviceListPtr = std::unique_ptr<usb_device_list_s, DeviceListDeleter>;
+using DeviceListPtr = UniqueHandle<usb_device_list_s, usb_device_free_device_list>;
 
 // The record of a device as the enumeration library describes it; status idle, stamped now.
 USBDeviceInfo MakeRecord(usb_device_s *dev, int card)

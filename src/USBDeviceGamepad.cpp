@@ -13,16 +13,13 @@
 #include "HadrixUtil.h"
 #include "Log.h"
 #include "USBDevice.h"
+#include "UniqueHandle.h"
 
 namespace {
 
-template <typename T, T *(*Unref)(T *)>
-struct UdevUnref {
-    void operator()(T *object) const { Unref(object); }
-};
-using UdevPtr = std::unique_ptr<udev, UdevUnref<udev, udev_unref>>;
-using UdevDevicePtr = std::unique_ptr<udev_device, UdevUnref<udev_device, udev_device_unref>>;
-using UdevEnumeratePtr = std::unique_ptr<udev_enumerate, UdevUnref<udev_enumerate, udev_enumerate_unref>>;
+using UdevPtr = UniqueHandle<udev, udev_unref>;
+using UdevDevicePtr = UniqueHandle<udev_device, udev_device_unref>;
+using UdevEnumeratePtr = UniqueHandle<udev_enumerate, udev_enumerate_unref>;
 
 constexpr int kGamepadLibraryOk = 1;
 

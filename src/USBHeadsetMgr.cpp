@@ -13,6 +13,7 @@
 #include "Log.h"
 #include "MultiviewHandler.h"
 #include "USBDevice.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -28,10 +29,7 @@ constexpr unsigned int kDeepStandbyPowerState = 4;
 constexpr char kActionAdded[] = "added";
 constexpr char kActionRemoved[] = "removed";
 
-struct UsbDeviceDeleter {
-    void operator()(usb_device_s *device) const { free_usb_device_h(device); }
-};
-using UsbDevicePtr = std::unique_ptr<usb_device_s, UsbDeviceDeleter>;
+using UsbDevicePtr = UniqueHandle<usb_device_s, free_usb_device_h>;
 
 bool IsStandby(unsigned int state)
 {

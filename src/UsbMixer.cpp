@@ -8,37 +8,19 @@
 #include <memory>
 
 #include "Log.h"
+#include "UniqueHandle.h"
 
 namespace {
 
 constexpr int kMaxCards = 32; // ALSA card indexes are 0 to 31
 constexpr long kRewritePercent = 95;
 
-struct HctlCloser {
-    void operator()(snd_hctl_t *hctl) const { snd_hctl_close(hctl); }
-};
-struct CtlCloser {
-    void operator()(snd_ctl_t *ctl) const { snd_ctl_close(ctl); }
-};
-struct ElemIdFree {
-    void operator()(snd_ctl_elem_id_t *id) const { snd_ctl_elem_id_free(id); }
-};
-struct ElemInfoFree {
-    void operator()(snd_ctl_elem_info_t *info) const { snd_ctl_elem_info_free(info); }
-};
-struct ElemValueFree {
-    void operator()(snd_ctl_elem_value_t *value) const { snd_ctl_elem_value_free(value); }
-};
-struct MallocFree {
-    void operator()(char *text) const { free(text); }
-};
-
-using HctlPtr = std::unique_ptr<snd_hctl_t, HctlCloser>;
-using CtlPtr = std::unique_ptr<snd_ctl_t, CtlCloser>;
-using ElemIdPtr = std::unique_ptr<snd_ctl_elem_id_t, ElemIdFree>;
-using ElemInfoPtr = std::unique_ptr<snd_ctl_elem_info_t, ElemInfoFree>;
-using ElemValuePtr = std::unique_ptr<snd_ctl_elem_value_t, ElemValueFree>;
-using AlsaString = std::unique_ptr<char, MallocFree>;
+using HctlPtr = UniqueHandle<snd_hctl_t, snd_hctl_close>;
+using CtlPtr = UniqueHandle<snd_ctl_t, snd_ctl_close>;
+using ElemIdPtr = UniqueHandle<snd_ctl_elem_id_t, snd_ctl_elem_id_free>;
+using ElemInfoPtr = UniqueHandle<snd_ctl_elem_info_t, snd_ctl_elem_info_free>;
+using ElemValuePtr = UniqueHandle<snd_ctl_elem_value_t, snd_ctl_elem_value_free>;
+using AlsaString = UniqueHandle<char, free>;
 
 // The id, info and value of one control element, zeroed on allocation.
 struct ElemObjects {

@@ -14,6 +14,7 @@
 #include "HadrixDeviceListInfo.h"
 #include "hadrix-server-gen.h"
 #include "nimbos/app.h"
+#include "UniqueHandle.h"
 
 namespace {
 
@@ -121,10 +122,7 @@ int NotRunning(const char *busName)
 
 // --- the client API ----------------------------------------------------------------------------
 
-struct ObjectUnref {
-    void operator()(gpointer object) const { g_object_unref(object); }
-};
-using ProxyPtr = std::unique_ptr<OrgNimbosHadrixServerInterface, ObjectUnref>;
+using ProxyPtr = UniqueHandle<OrgNimbosHadrixServerInterface, g_object_unref>;
 
 ProxyPtr NewProxy(const char *path, std::string &problem)
 {
@@ -332,10 +330,7 @@ int RunMonitor(const std::vector<std::string> &)
 
 // --- debug commands ----------------------------------------------------------------------------
 
-struct AppControlDeleter {
-    void operator()(app_control_h handle) const { app_control_destroy(handle); }
-};
-using AppControlPtr = std::unique_ptr<app_control_s, AppControlDeleter>;
+using AppControlPtr = UniqueHandle<app_control_s, app_control_destroy>;
 
 bool IsDebugKey(const std::string &key)
 {

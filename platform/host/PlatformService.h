@@ -10,6 +10,8 @@
 #include <memory>
 #include <string>
 
+#include "UniqueHandle.h"
+
 namespace nimbos {
 
 // The codes every service client returns (each header names them *_IO_ERROR, *_TIMED_OUT).
@@ -18,10 +20,7 @@ constexpr int kServiceIoError = -EIO;
 constexpr int kServiceTimedOut = -ETIMEDOUT;
 constexpr int kServiceInvalidParameter = -EINVAL;
 
-struct GObjectUnref {
-    void operator()(gpointer object) const { g_object_unref(object); }
-};
-using ConnectionRef = std::unique_ptr<GDBusConnection, GObjectUnref>;
+using ConnectionRef = UniqueHandle<GDBusConnection, g_object_unref>;
 
 // One signal subscription; destroying it unsubscribes. The handler is released on the
 // subscribing thread's main context once no delivery can reach it any more.

@@ -15,26 +15,15 @@
 #include <string>
 
 #include "HostLog.h"
+#include "SourcePtr.h"
+#include "UniqueHandle.h"
 
 namespace nimbos {
 
-template <typename T, T *(*Unref)(T *)>
-struct UdevUnref {
-    void operator()(T *object) const { Unref(object); }
-};
-using UdevPtr = std::unique_ptr<udev, UdevUnref<udev, udev_unref>>;
-using UdevDevicePtr = std::unique_ptr<udev_device, UdevUnref<udev_device, udev_device_unref>>;
-using UdevEnumeratePtr = std::unique_ptr<udev_enumerate, UdevUnref<udev_enumerate, udev_enumerate_unref>>;
-using UdevMonitorPtr = std::unique_ptr<udev_monitor, UdevUnref<udev_monitor, udev_monitor_unref>>;
-
-struct SourceRemover {
-    void operator()(GSource *source) const
-    {
-        g_source_destroy(source);
-        g_source_unref(source);
-    }
-};
-using SourcePtr = std::unique_ptr<GSource, SourceRemover>;
+using UdevPtr = UniqueHandle<udev, udev_unref>;
+using UdevDevicePtr = UniqueHandle<udev_device, udev_device_unref>;
+using UdevEnumeratePtr = UniqueHandle<udev_enumerate, udev_enumerate_unref>;
+using UdevMonitorPtr = UniqueHandle<udev_monitor, udev_monitor_unref>;
 
 inline std::string UdevText(const char *value)
 {

@@ -4,6 +4,8 @@
 #include "nimbos/app.h"
 
 #include "HostLog.h"
+#include "SourcePtr.h"
+#include "UniqueHandle.h"
 
 #include <gio/gio.h>
 #include <glib-unix.h>
@@ -12,6 +14,8 @@
 #include <csignal>
 #include <memory>
 #include <mutex>
+
+using nimbos::SourcePtr;
 
 namespace {
 
@@ -83,14 +87,6 @@ gboolean OnTerminateSignal(gpointer signalName)
     return G_SOURCE_CONTINUE;
 }
 
-struct SourceDeleter {
-    void operator()(GSource *source) const
-    {
-        g_source_destroy(source);
-        g_source_unref(source);
-    }
-};
-using SourcePtr = std::unique_ptr<GSource, SourceDeleter>;
 
 SourcePtr Attach(GSource *source, GSourceFunc callback, gpointer data, int priority)
 {
@@ -106,10 +102,7 @@ SourcePtr WatchSignal(int signum, const char *name)
                   G_PRIORITY_DEFAULT);
 }
 
-struct HandleDeleter {
-    void operator()(app_control_h handle) const { app_control_destroy(handle); }
-};
-using HandlePtr = std::unique_ptr<app_control_s, HandleDeleter>;
+using HandlePtr = UniqueHandle<app_control_s, app_control_destroy>;
 
 // The request of a Launch call, or null with a refusal set in *error.
 HandlePtr RequestFrom(GVariant *parameters, GError **error)

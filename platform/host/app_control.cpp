@@ -3,6 +3,7 @@
 #include "nimbos/app.h"
 
 #include "HostLog.h"
+#include "UniqueHandle.h"
 
 #include <gio/gio.h>
 
@@ -85,14 +86,10 @@ int CallLaunch(app_control_h handle)
     return APP_CONTROL_ERROR_NONE;
 }
 
-struct HandleDeleter {
-    void operator()(app_control_h handle) const { app_control_destroy(handle); }
-};
-
 // The Launch reply carries no data: on success the reply handle is an empty request.
 void Reply(app_control_h request, app_control_reply_cb replyCb, int result, void *userData)
 {
-    std::unique_ptr<app_control_s, HandleDeleter> reply;
+    UniqueHandle<app_control_s, app_control_destroy> reply;
     if (result == APP_CONTROL_ERROR_NONE)
         reply.reset(new (std::nothrow) app_control_s);
     replyCb(request, reply.get(), result, userData);

@@ -6,6 +6,7 @@
 
 #include "HostLog.h"
 #include "SettingsStore.h"
+#include "SourcePtr.h"
 #include "UniqueFd.h"
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 #include <sys/inotify.h>
 #include <vector>
 
+using nimbos::SourcePtr;
 using nimbos::UniqueFd;
 using nimbos::settings::Key;
 using nimbos::settings::Value;
@@ -130,14 +132,6 @@ void FinalizeKeyWatch(GSource *source)
 
 GSourceFuncs kKeyWatchFuncs = {nullptr, nullptr, DispatchKeyWatch, FinalizeKeyWatch, nullptr, nullptr};
 
-struct SourceRemover {
-    void operator()(GSource *source) const
-    {
-        g_source_destroy(source);
-        g_source_unref(source);
-    }
-};
-using SourcePtr = std::unique_ptr<GSource, SourceRemover>;
 
 UniqueFd WatchDirectoryOf(const Key &key)
 {

@@ -26,6 +26,7 @@
 #include "HadrixUtil.h"
 #include "PulseAudioHandler.h"
 #include "SoundManagerHandler.h"
+#include "UniqueHandle.h"
 #include "UsbMixer.h"
 
 namespace {
@@ -168,10 +169,6 @@ void PrintUsbDevice(const char *action, usb_device_s *device)
            usb_device_get_manufacturer(device), usb_device_get_devname(device));
 }
 
-struct UsbListFree {
-    void operator()(usb_device_list_s *list) const { usb_device_free_device_list(list); }
-};
-
 // Fails when the walk and the list's count disagree.
 int UsbList(const Ints &, const Args &)
 {
@@ -181,7 +178,7 @@ int UsbList(const Ints &, const Args &)
     usb_device_list_s *raw = nullptr;
     if (usb_device_get_device_list(&raw) != USB_DEVICE_ERROR_NONE)
         return ExitStatus(false);
-    std::unique_ptr<usb_device_list_s, UsbListFree> list(raw);
+    UniqueHandle<usb_device_list_s, usb_device_free_device_list> list(raw);
     int walked = 0;
     usb_device_s *device = nullptr;
     for (int rc = usb_device_list_get_first(list.get(), &device); rc == USB_DEVICE_ERROR_NONE;
@@ -195,7 +192,7 @@ int UsbList(const Ints &, const Args &)
 
 void OnUsbConnected(usb_device_s *device, char *action, void *)
 {
-    std::unique_ptr<usb_device_s, int (*)(usb_device_s *)> owned(device, free_usb_device_h);
+    UniqueHandle<usb_device_s, free_usb_device_h> owned(device);
     PrintUsbDevice(action, device);
 }
 
