@@ -321,14 +321,27 @@ void CKeyHandler::t_VconfCBOfEmanualLearnTvRemote(keynode_t *node, void *data)
     }
 }
 
+namespace {
+
+// The key of an event the handler can act on, logged; null for an incomplete event.
+const ecore_event_key_s *UsableKey(int type, void *event, void *data)
+{
+    auto *key = static_cast<const ecore_event_key_s *>(event);
+    if (!data || !key || !key->keyname)
+        return nullptr;
+    LOGD("keyname[%s], type[%d], ECORE_UP[%d], ECORE_DOWN[%d]", key->keyname, type, ECORE_EVENT_KEY_UP,
+         ECORE_EVENT_KEY_DOWN);
+    return key;
+}
+
+} // namespace
+
 int CKeyHandler::m_KeyPressEventCallback(int type, void *event, void *data)
 {
     auto *self = static_cast<CKeyHandler *>(data);
-    auto *key = static_cast<ecore_event_key_s *>(event);
-    if (!self || !key || !key->keyname)
+    const ecore_event_key_s *key = UsableKey(type, event, data);
+    if (!key)
         return ECORE_EVENT_CONTINUE;
-    LOGD("keyname[%s], type[%d], ECORE_UP[%d], ECORE_DOWN[%d]", key->keyname, type, ECORE_EVENT_KEY_UP,
-         ECORE_EVENT_KEY_DOWN);
     const KeyDeviceClass device = self->m_CheckdeviceInfo(key);
     LOGD("Volume control from device[%d]", device);
     if (device == KEY_DEVICE_USB_HEADSET) {
@@ -343,11 +356,9 @@ int CKeyHandler::m_KeyPressEventCallback(int type, void *event, void *data)
 int CKeyHandler::m_KeyReleaseEventCallback(int type, void *event, void *data)
 {
     auto *self = static_cast<CKeyHandler *>(data);
-    auto *key = static_cast<ecore_event_key_s *>(event);
-    if (!self || !key || !key->keyname)
+    const ecore_event_key_s *key = UsableKey(type, event, data);
+    if (!key)
         return ECORE_EVENT_CONTINUE;
-    LOGD("keyname[%s], type[%d], ECORE_UP[%d], ECORE_DOWN[%d]", key->keyname, type, ECORE_EVENT_KEY_UP,
-         ECORE_EVENT_KEY_DOWN);
     self->m_QueueKeyJob(key->keyname, self->m_ReleaseKeyName, self->m_pReleaseJob, m_KeyScheduleRel);
     return ECORE_EVENT_CONTINUE;
 }
