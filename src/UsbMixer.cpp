@@ -92,10 +92,12 @@ HctlPtr OpenLoadedHctl(const std::string &hwName)
     return hctl;
 }
 
-// Looks the element up by its ASCII identifier and reads its value into obj. Returns the open
-// control handle, or null after logging why not.
+// Looks the element up by its ASCII identifier and reads its value into obj, allocated here.
+// Returns the open control handle, or null after logging why not.
 CtlPtr OpenAndReadControl(const std::string &device, const std::string &controlId, ElemObjects &obj)
 {
+    if (!obj.Allocate())
+        return nullptr;
     int err = snd_ctl_ascii_elem_id_parse(obj.id.get(), controlId.c_str());
     // ALSA asserts on a lookup without numid and name, so such an identifier stops here.
     if (err < 0 ||
@@ -127,8 +129,6 @@ CtlPtr OpenAndReadControl(const std::string &device, const std::string &controlI
 bool WriteControlText(const std::string &device, const std::string &controlId, const std::string &valueText)
 {
     ElemObjects obj;
-    if (!obj.Allocate())
-        return false;
     CtlPtr ctl = OpenAndReadControl(device, controlId, obj);
     if (!ctl)
         return false;
@@ -378,8 +378,6 @@ bool CUsbMixer::ControlGet(int card, const std::string &controlId, std::string &
         return false;
     const std::string device = HwName(index);
     ElemObjects obj;
-    if (!obj.Allocate())
-        return false;
     CtlPtr ctl = OpenAndReadControl(device, controlId, obj);
     if (!ctl)
         return false;
