@@ -20,7 +20,6 @@
 #include <vector>
 
 using nimbos::SourcePtr;
-using nimbos::UniqueFd;
 using nimbos::settings::Key;
 using nimbos::settings::Value;
 

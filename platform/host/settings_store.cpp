@@ -277,7 +277,7 @@ public:
 
     bool IsOpen() const { return static_cast<bool>(fd_); }
     int Fd() const { return fd_.get(); }
-    bool Close() { return close(fd_.release()) == 0; }
+    bool Close() { return fd_.Close() == 0; }
     // Renames the file over target; it is the caller's then.
     bool RenameTo(const std::string &target)
     {

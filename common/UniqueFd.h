@@ -3,8 +3,6 @@
 
 #include <unistd.h>
 
-namespace nimbos {
-
 class UniqueFd {
 public:
     UniqueFd() = default;
@@ -36,8 +34,10 @@ public:
         fd_ = fd;
     }
 
+    // Closes now and reports the result, for callers that must know their writes reached the
+    // file.
+    int Close() { return close(release()); }
+
 private:
     int fd_ = -1;
 };
-
-} // namespace nimbos
