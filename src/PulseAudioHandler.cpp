@@ -69,11 +69,6 @@ CPulseAudioHandler::CPulseAudioHandler()
     m_GetConnection();
 }
 
-CPulseAudioHandler::~CPulseAudioHandler()
-{
-    g_clear_object(&m_connection);
-}
-
 GDBusConnection *CPulseAudioHandler::m_GetConnection()
 {
     return hadrix::CachedSystemBus(m_connection, g_connectionLock);

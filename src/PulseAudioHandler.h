@@ -8,13 +8,14 @@
 #include <gio/gio.h>
 
 #include "Singleton.h"
+#include "SystemBus.h"
 
 class CPulseAudioHandler : public CSingleton<CPulseAudioHandler> {
     friend class CSingleton<CPulseAudioHandler>;
 
 public:
     // The worker must have been stopped (StopSendSignalToPulseAudio) before.
-    ~CPulseAudioHandler() override;
+    ~CPulseAudioHandler() override = default;
 
     // True once the audio server lists the card; false after 50 attempts or when told to quit.
     bool WaitCardReady(int card);
@@ -30,7 +31,7 @@ private:
     GDBusConnection *m_GetConnection();
     static void m_AsyncThreadEntry(const void *self);
 
-    GDBusConnection *m_connection = nullptr;
+    hadrix::ConnectionPtr m_connection;
     // Written only while no worker runs; the worker reads them.
     bool m_onOff = false;
     int m_cardNum = 0;

@@ -23,11 +23,6 @@ CSpeakerManagerHandler::CSpeakerManagerHandler()
     m_GetConnec();
 }
 
-CSpeakerManagerHandler::~CSpeakerManagerHandler()
-{
-    g_clear_object(&m_connection);
-}
-
 GDBusConnection *CSpeakerManagerHandler::m_GetConnec()
 {
     return hadrix::CachedSystemBus(m_connection, g_connectionLock);

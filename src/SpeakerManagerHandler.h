@@ -4,12 +4,13 @@
 #include <gio/gio.h>
 
 #include "Singleton.h"
+#include "SystemBus.h"
 
 class CSpeakerManagerHandler : public CSingleton<CSpeakerManagerHandler> {
     friend class CSingleton<CSpeakerManagerHandler>;
 
 public:
-    ~CSpeakerManagerHandler() override;
+    ~CSpeakerManagerHandler() override = default;
 
     bool SendSignalToSpeakerManager();
 
@@ -18,5 +19,5 @@ private:
 
     GDBusConnection *m_GetConnec();
 
-    GDBusConnection *m_connection = nullptr;
+    hadrix::ConnectionPtr m_connection;
 };

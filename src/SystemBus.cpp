@@ -13,12 +13,12 @@ GDBusConnection *ConnectSystemBus()
     return connection;
 }
 
-GDBusConnection *CachedSystemBus(GDBusConnection *&cache, std::mutex &lock)
+GDBusConnection *CachedSystemBus(ConnectionPtr &cache, std::mutex &lock)
 {
     std::lock_guard<std::mutex> guard(lock);
     if (!cache)
-        cache = ConnectSystemBus();
-    return cache;
+        cache.reset(ConnectSystemBus());
+    return cache.get();
 }
 
 bool BroadcastSignal(GDBusConnection *connection, const char *path, const char *interface,
