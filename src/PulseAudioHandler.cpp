@@ -1,6 +1,7 @@
 #include "PulseAudioHandler.h"
 
 #include <mutex>
+#include <system_error>
 
 #include "HadrixUtil.h"
 #include "Log.h"
@@ -114,17 +115,19 @@ bool CPulseAudioHandler::SendSignalToPulseAudioAsync(bool on_off, int cardNum)
     m_cardNum = cardNum;
     m_onOff = on_off;
     m_quit.store(false);
-    m_asyncThread = std::thread(m_AsyncThreadEntry, this);
+    try {
+        m_asyncThread = std::thread(m_AsyncThreadEntry, this);
+    } catch (const std::system_error &error) {
+        LOGE("no thread to send %s for card %d: %s", on_off ? "Start" : "Stop", cardNum, error.what());
+        return false;
+    }
     return true;
 }
 
-void CPulseAudioHandler::m_AsyncThreadEntry(const void *self)
+void CPulseAudioHandler::m_AsyncThreadEntry(CPulseAudioHandler *self)
 {
     LOGE("[START]");
-    if (!self)
-        return;
-    auto *handler = static_cast<CPulseAudioHandler *>(const_cast<void *>(self));
-    handler->SendSignalToPulseAudio(handler->m_onOff, handler->m_cardNum);
+    self->SendSignalToPulseAudio(self->m_onOff, self->m_cardNum);
 }
 
 void CPulseAudioHandler::StopSendSignalToPulseAudio()

@@ -21,7 +21,8 @@ public:
     bool WaitCardReady(int card);
     // Waits for the card on "Start" (and sends it even if the card never shows up).
     bool SendSignalToPulseAudio(bool on_off, int cardNum);
-    // The same on a worker thread; a previous worker is told to quit and joined first.
+    // The same on a worker thread; a previous worker is told to quit and joined first. False
+    // when no thread could be started.
     bool SendSignalToPulseAudioAsync(bool on_off, int cardNum);
     void StopSendSignalToPulseAudio();
 
@@ -29,7 +30,7 @@ private:
     CPulseAudioHandler();
 
     GDBusConnection *m_GetConnection();
-    static void m_AsyncThreadEntry(const void *self);
+    static void m_AsyncThreadEntry(CPulseAudioHandler *self);
 
     hadrix::ConnectionPtr m_connection;
     // Written only while no worker runs; the worker reads them.
