@@ -7,7 +7,6 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "AudioControlMgr.h"
 #include "LocalFileData.h"

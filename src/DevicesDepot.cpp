@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <exception>
 #include <fcntl.h>
 #include <limits>

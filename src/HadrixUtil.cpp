@@ -2,11 +2,9 @@
 
 #include <array>
 #include <cerrno>
-#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <memory>
 #include <sys/time.h>
 #include <unistd.h>
 

@@ -1,6 +1,5 @@
 #include "MultiviewHandler.h"
 
-#include <memory>
 #include <string>
 #include <vector>
 

@@ -1,7 +1,6 @@
 #include "USBDevice.h"
 
 #include <algorithm>
-#include <memory>
 #include <optional>
 
 #include "DMesgAnalysis.h"

@@ -4,7 +4,6 @@
 // The gamepad list follows the gamepad library's connection events, which it delivers on the
 // main loop (the context of the thread that registered), where the attach path reads the list.
 #include <cstdlib>
-#include <memory>
 #include <mutex>
 #include <string>
 

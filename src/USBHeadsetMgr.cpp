@@ -1,7 +1,6 @@
 #include "USBHeadsetMgr.h"
 
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "AudioControlMgr.h"
