@@ -172,7 +172,7 @@ void *CUSBAPIServer::m_Listener(void *data)
     g_main_context_push_thread_default(context);
 
     g_autoptr(GError) error = nullptr;
-    self->m_pNodeInfo = g_dbus_node_info_new_for_xml(kIntrospectionXml, &error);
+    self->m_pNodeInfo.reset(g_dbus_node_info_new_for_xml(kIntrospectionXml, &error));
     if (!self->m_pNodeInfo) {
         LOGE("introspection data cannot be parsed: %s", error->message);
         g_main_context_pop_thread_default(context);
@@ -193,11 +193,11 @@ void *CUSBAPIServer::m_Listener(void *data)
     }
 
     if (self->m_nRegisterId != 0) {
-        g_dbus_connection_unregister_object(self->m_pConnection, self->m_nRegisterId);
+        g_dbus_connection_unregister_object(self->m_pConnection.get(), self->m_nRegisterId);
         self->m_nRegisterId = 0;
     }
-    g_clear_object(&self->m_pConnection);
-    g_clear_pointer(&self->m_pNodeInfo, g_dbus_node_info_unref);
+    self->m_pConnection.reset();
+    self->m_pNodeInfo.reset();
     g_main_context_pop_thread_default(context);
     return nullptr;
 }
@@ -242,7 +242,7 @@ void CUSBAPIServer::m_OnBusAcquired(GDBusConnection *connection, const gchar *, 
         LOGE("pInstance->m_nRegisterId is 0");
         return;
     }
-    self->m_pConnection = G_DBUS_CONNECTION(g_object_ref(connection));
+    self->m_pConnection.reset(G_DBUS_CONNECTION(g_object_ref(connection)));
     LOGI("m_nRegisterId[%d]", self->m_nRegisterId);
     self->m_ExportSkeleton(connection);
 }
@@ -257,9 +257,7 @@ void CUSBAPIServer::m_ExportSkeleton(GDBusConnection *connection)
     LOGI("m_pSkeleton is not NULL\n");
     {
         std::lock_guard<std::mutex> lock(m_SkeletonMutex);
-        if (m_pSkeleton)
-            g_object_unref(m_pSkeleton);
-        m_pSkeleton = skeleton;
+        m_pSkeleton.reset(skeleton);
     }
     g_autoptr(GError) error = nullptr;
     if (g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton), connection,
@@ -282,22 +280,19 @@ void CUSBAPIServer::m_OnNameLost(GDBusConnection *, const gchar *, gpointer)
 OrgNimbosHadrixServerInterface *CUSBAPIServer::m_RefSkeleton()
 {
     std::lock_guard<std::mutex> lock(m_SkeletonMutex);
-    return m_pSkeleton ? static_cast<OrgNimbosHadrixServerInterface *>(g_object_ref(m_pSkeleton))
+    return m_pSkeleton ? static_cast<OrgNimbosHadrixServerInterface *>(g_object_ref(m_pSkeleton.get()))
                        : nullptr;
 }
 
 void CUSBAPIServer::m_ReleaseSkeleton()
 {
-    OrgNimbosHadrixServerInterface *skeleton = nullptr;
+    UniqueHandle<OrgNimbosHadrixServerInterface, g_object_unref> skeleton;
     {
         std::lock_guard<std::mutex> lock(m_SkeletonMutex);
-        skeleton = m_pSkeleton;
-        m_pSkeleton = nullptr;
+        skeleton = std::move(m_pSkeleton);
     }
-    if (!skeleton)
-        return;
-    g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(skeleton));
-    g_object_unref(skeleton);
+    if (skeleton)
+        g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(skeleton.get()));
 }
 
 void CUSBAPIServer::m_HandleMethodCall(GDBusConnection *, const gchar *, const gchar *,

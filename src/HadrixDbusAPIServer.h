@@ -15,6 +15,7 @@
 #include <gio/gio.h>
 
 #include "Singleton.h"
+#include "UniqueHandle.h"
 #include "hadrix-server-gen.h"
 
 class CUSBAPIServer : public CSingleton<CUSBAPIServer> {
@@ -83,11 +84,13 @@ private:
     GMainContext *m_pContext = nullptr;
     GMainLoop *m_pMainLoop = nullptr;
     bool m_bStopping = false;
-    GDBusNodeInfo *m_pNodeInfo = nullptr;
-    GDBusConnection *m_pConnection = nullptr;
+    // The introspection data, the connection the object is registered on and its registration
+    // live as long as the listener thread runs.
+    UniqueHandle<GDBusNodeInfo, g_dbus_node_info_unref> m_pNodeInfo;
+    UniqueHandle<GDBusConnection, g_object_unref> m_pConnection;
     guint m_nRegisterId = 0;
 
     // Written by the listener thread, read by m_SendEventToClient on the main loop.
     std::mutex m_SkeletonMutex;
-    OrgNimbosHadrixServerInterface *m_pSkeleton = nullptr;
+    UniqueHandle<OrgNimbosHadrixServerInterface, g_object_unref> m_pSkeleton;
 };
