@@ -50,6 +50,17 @@ USBDeviceInfo MakeRecord(usb_device_s *dev, int card)
     return info;
 }
 
+// Matches the record of the device at devPath: a path names one record of a list.
+auto HasPath(const std::string &devPath)
+{
+    return [&devPath](const USBDeviceInfo &device) { return device.strDevPath == devPath; };
+}
+
+void EraseByPath(std::vector<USBDeviceInfo> &devices, const std::string &devPath)
+{
+    devices.erase(std::remove_if(devices.begin(), devices.end(), HasPath(devPath)), devices.end());
+}
+
 bool HasSoundNodes(int card)
 {
     return CUsbServiceUtil::IsSndCtrlCardExist(card) && CUsbServiceUtil::IsSndPcmPlayExist(card);
@@ -111,8 +122,8 @@ void CUSBDevice::m_StartInit(InitKind kind, bool parse, bool forceParse)
         return;
     }
     m_AbandonInitParse();
-    m_InitCancellable = g_cancellable_new();
-    g_autoptr(GTask) task = g_task_new(nullptr, m_InitCancellable, m_OnInitParseDone, this);
+    m_InitCancellable.reset(g_cancellable_new());
+    g_autoptr(GTask) task = g_task_new(nullptr, m_InitCancellable.get(), m_OnInitParseDone, this);
     g_task_set_task_data(task, GINT_TO_POINTER(forceParse ? 1 : 0), nullptr);
     g_task_run_in_thread(task, ParseKernelLog);
 }
@@ -120,8 +131,8 @@ void CUSBDevice::m_StartInit(InitKind kind, bool parse, bool forceParse)
 void CUSBDevice::m_AbandonInitParse()
 {
     if (m_InitCancellable)
-        g_cancellable_cancel(m_InitCancellable);
-    g_clear_object(&m_InitCancellable);
+        g_cancellable_cancel(m_InitCancellable.get());
+    m_InitCancellable.reset();
 }
 
 void CUSBDevice::m_OnInitParseDone(GObject *, GAsyncResult *result, gpointer data)
@@ -202,15 +213,14 @@ bool CUSBDevice::m_InitDevice()
         LOGE("usb_device_list_get_first return fail");
         return false;
     }
-    usb_device_list_s *walked = list.get();
-    const int kept = m_ForeachDeviceList(count, first, walked);
+    const int kept = m_ForeachDeviceList(count, first, list.get());
     if (kept == 0)
         LOGI("boot audio usb devices 0");
     return kept > 0;
 }
 
 // Returns how many devices of the list were taken into the attached list.
-int CUSBDevice::m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *&list)
+int CUSBDevice::m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *list)
 {
     int kept = 0;
     const size_t unsupported = m_VecUnsupportedDevice.size();
@@ -399,9 +409,7 @@ bool CUSBDevice::m_TakeAstroDevice(const USBDeviceInfo &info)
 // been told already.
 bool CUSBDevice::m_KeepUnsupportedDevice(const USBDeviceInfo &info, bool warned)
 {
-    const bool known = std::any_of(m_VecUnsupportedDevice.begin(), m_VecUnsupportedDevice.end(),
-                                   [&](const USBDeviceInfo &device) { return device.strDevPath == info.strDevPath; });
-    if (known)
+    if (std::any_of(m_VecUnsupportedDevice.begin(), m_VecUnsupportedDevice.end(), HasPath(info.strDevPath)))
         return false;
     m_VecUnsupportedDevice.push_back(info);
     m_VecUnsupportedDevice.back().bNotified = warned;
@@ -454,10 +462,7 @@ void CUSBDevice::RemoveDevice(usb_device_s *dev)
     LOGI("devPath : %s", devPath.c_str());
     if (CUsbServiceUtil::IsAstroProduct(TextOrEmpty(usb_device_get_product(dev)), usb_device_get_vendor_id(dev),
                                         usb_device_get_product_id(dev)))
-        m_VecUnsupportedDevice.erase(
-            std::remove_if(m_VecUnsupportedDevice.begin(), m_VecUnsupportedDevice.end(),
-                           [&](const USBDeviceInfo &device) { return device.strDevPath == devPath; }),
-            m_VecUnsupportedDevice.end());
+        EraseByPath(m_VecUnsupportedDevice, devPath);
 
     int card = 0;
     if (m_IsDeviceExist(devPath) && CUsbServiceUtil::GetCardNum(devPath, &card))
@@ -475,9 +480,7 @@ void CUSBDevice::m_ReleaseRemovedDevice(const std::string &devPath, int card)
         CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudioAsync(false, card);
     {
         std::lock_guard<std::mutex> lock(m_VecMutex);
-        m_VecUSBHeadset.erase(std::remove_if(m_VecUSBHeadset.begin(), m_VecUSBHeadset.end(),
-                                             [&](const USBDeviceInfo &device) { return device.strDevPath == devPath; }),
-                              m_VecUSBHeadset.end());
+        EraseByPath(m_VecUSBHeadset, devPath);
     }
     CSingleton<DevicesDetected>::GetInstance()->RemoveDevice(devPath);
 }
@@ -548,15 +551,13 @@ void CUSBDevice::m_AppendDevice(const USBDeviceInfo &info)
 bool CUSBDevice::m_IsDeviceExist(const std::string &devPath)
 {
     std::lock_guard<std::mutex> lock(m_VecMutex);
-    return std::any_of(m_VecUSBHeadset.begin(), m_VecUSBHeadset.end(),
-                       [&](const USBDeviceInfo &device) { return device.strDevPath == devPath; });
+    return std::any_of(m_VecUSBHeadset.begin(), m_VecUSBHeadset.end(), HasPath(devPath));
 }
 
 device_status CUSBDevice::m_GetDeviceStatus(const std::string &devPath)
 {
     std::lock_guard<std::mutex> lock(m_VecMutex);
-    auto found = std::find_if(m_VecUSBHeadset.begin(), m_VecUSBHeadset.end(),
-                              [&](const USBDeviceInfo &device) { return device.strDevPath == devPath; });
+    auto found = std::find_if(m_VecUSBHeadset.begin(), m_VecUSBHeadset.end(), HasPath(devPath));
     return found == m_VecUSBHeadset.end() ? DEVICE_STATUS_IDLE : found->eStatus;
 }
 

@@ -13,6 +13,7 @@
 #include "HadrixDeviceListInfo.h"
 #include "Singleton.h"
 #include "USBDeviceInfo.h"
+#include "UniqueHandle.h"
 #include "nimbos/gamepad.h"
 #include "nimbos/usb.h"
 
@@ -80,7 +81,7 @@ private:
     static gboolean m_InitRetryTimerCb(gpointer data);
     void m_RunInitPass();
     bool m_InitDevice();
-    int m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *&list);
+    int m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *list);
     bool m_TakeEnumeratedDevice(usb_device_s *dev);
     void m_OnInitDevicesDone(bool found);
     void m_FinishBoot(bool found);
@@ -154,5 +155,5 @@ private:
     int m_InitTries = 0;
     int m_InitPass = 0;
     // Cancelled by the destructor so that a parse finishing later does not reach this object.
-    GCancellable *m_InitCancellable = nullptr;
+    UniqueHandle<GCancellable, g_object_unref> m_InitCancellable;
 };
