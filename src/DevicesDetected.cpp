@@ -1,7 +1,7 @@
 #include "DevicesDetected.h"
 
 #include <algorithm>
-#include <sstream>
+#include <string>
 
 #include <json/json.h>
 
@@ -15,10 +15,6 @@ constexpr guint kSerializeDelayMs = 500;
 
 Json::Value ToJson(const USBDeviceInfo &info)
 {
-    // A string keeps the unsigned 32-bit value whatever a reader does with large integers.
-    std::ostringstream timeStamp;
-    timeStamp << info.timeStamp;
-
     Json::Value entry(Json::objectValue);
     entry[DEPOT_KEY_PRODUCT_NAME] = info.strProductName;
     entry[DEPOT_KEY_VENDOR_ID] = info.nVendorId;
@@ -27,7 +23,8 @@ Json::Value ToJson(const USBDeviceInfo &info)
     entry[DEPOT_KEY_MANUFATURE] = info.strManufature;
     entry[DEPOT_KEY_CARD_NUM] = info.nCardNum;
     entry[DEPOT_KEY_STATUS] = static_cast<int>(info.eStatus);
-    entry[DEPOT_KEY_TIME_STAMP] = timeStamp.str();
+    // A string keeps the unsigned 32-bit value whatever a reader does with large integers.
+    entry[DEPOT_KEY_TIME_STAMP] = std::to_string(info.timeStamp);
     return entry;
 }
 
