@@ -371,7 +371,7 @@ bool CDMesgAnalysis::m_NeedChangeSpeaker(uint32_t detected)
             result = true;
         else if (detected < core || detected - core <= EVENT_SETTLE_MS)
             result = false;
-        else
+        else // the device's detection is unknown: only the time since the core came up tells
             result = !(now < core + BOOT_SETTLE_MS);
     } else {
         result = !(now < core + BOOT_SETTLE_MS);

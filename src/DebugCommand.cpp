@@ -114,7 +114,9 @@ void RunSpeakerManager(const char *)
 void RunSoundManager(const char *value)
 {
     static const SubCommand kTable[] = {
-        // Creating the adapter registers its speaker callback; releasing it unregisters.
+        // The adapter registers nothing when it is made. Releasing it removes the sound
+        // manager's speaker callbacks, which the headset manager and the multiview handler set:
+        // they stay removed after a "Register", until the service starts again.
         {"Register", [] { SoundManager(); }},
         {"Unregister", [] { CSingleton<CSoundManagerHandler>::ReleaseInstance(); }},
         {"SetSpeaker", [] { SoundManager()->SetSpeakerSelection(SOUND_TV_OUTPUT_USB_HEADSET); }},

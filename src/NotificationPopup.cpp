@@ -193,6 +193,7 @@ void CNotificationPopup::m_ShowPending()
 void CNotificationPopup::m_ShowNotiPopup(notification_type type, const std::string &name)
 {
     LOGI("[START] notification type %d", type);
+    // The popup on screen goes down before the next one is made: one popup at a time.
     m_Notification.reset();
     m_Notification.reset(notification_create(NOTIFICATION_STYLE_SIMPLE));
     notification *noti = m_Notification.get();

@@ -46,6 +46,8 @@ private:
     guint m_StandbyTimerId = 0;
     // Power state codes compared unsigned: a failed read counts as not normal.
     unsigned int m_CurPowerState = 0;
+    // Until the first change: a code that is neither a working nor a standby state, so that no
+    // resume is assumed.
     unsigned int m_PrePowerState = 3;
     guint m_DeviceInitTimerId = 0;
 };
