@@ -34,14 +34,15 @@ bool StartsWith(const char *value, const char *word)
     return std::strncmp(value, word, std::strlen(word)) == 0;
 }
 
-// Runs the action of the first word the value starts with; an unknown word does nothing.
+// Runs the action of the first word the value starts with; a value that starts with none is
+// refused.
 struct SubCommand {
     const char *word;
     void (*run)();
 };
 
 template <std::size_t N>
-void RunSubCommand(const char *value, const SubCommand (&table)[N])
+void RunSubCommand(const char *key, const char *value, const SubCommand (&table)[N])
 {
     for (const SubCommand &sub : table) {
         if (StartsWith(value, sub.word)) {
@@ -49,6 +50,7 @@ void RunSubCommand(const char *value, const SubCommand (&table)[N])
             return;
         }
     }
+    LOGW("%s: \"%s\" starts with no sub-command, ignored", key, value);
 }
 
 CAudioControlMgr *AudioControl()
@@ -66,7 +68,7 @@ void LogResult(bool ret)
     LOGI("ret : %d", ret);
 }
 
-void RunPulse(const char *value)
+void RunPulse(const char *key, const char *value)
 {
     // "on" waits on the main loop until the audio server lists card 0, up to about 100 s when it
     // never does; a debug command may hold the service that long.
@@ -74,10 +76,10 @@ void RunPulse(const char *value)
         {"on", [] { CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudio(true, kPulseCard); }},
         {"off", [] { CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudio(false, kPulseCard); }},
     };
-    RunSubCommand(value, kTable);
+    RunSubCommand(key, value, kTable);
 }
 
-void RunAudioControl(const char *value)
+void RunAudioControl(const char *key, const char *value)
 {
     static const SubCommand kTable[] = {
         {"getUsbOutMute",
@@ -103,15 +105,15 @@ void RunAudioControl(const char *value)
          }},
         {"setUsbOutDelays", [] { LogResult(AudioControl()->SetUsbHeadSetOutDelay(kUsbOutDelay)); }},
     };
-    RunSubCommand(value, kTable);
+    RunSubCommand(key, value, kTable);
 }
 
-void RunSpeakerManager(const char *)
+void RunSpeakerManager(const char *, const char *)
 {
     CSingleton<CSpeakerManagerHandler>::GetInstance()->SendSignalToSpeakerManager();
 }
 
-void RunSoundManager(const char *value)
+void RunSoundManager(const char *key, const char *value)
 {
     static const SubCommand kTable[] = {
         // The adapter registers nothing when it is made. Releasing it removes the sound
@@ -123,19 +125,19 @@ void RunSoundManager(const char *value)
         {"SetMute", [] { SoundManager()->ApplyMuteGain(kMuteGain); }},
         {"UnmuteFadeIn", [] { SoundManager()->ApplyUnmuteFadeIn(); }},
     };
-    RunSubCommand(value, kTable);
+    RunSubCommand(key, value, kTable);
 }
 
-void RunLocalFileData(const char *value)
+void RunLocalFileData(const char *key, const char *value)
 {
     static const SubCommand kTable[] = {
         {"volumeUp", [] { CSingleton<CLocalFileData>::GetInstance()->ChangeVolume(1, true); }},
         {"volumeDown", [] { CSingleton<CLocalFileData>::GetInstance()->ChangeVolume(1, false); }},
     };
-    RunSubCommand(value, kTable);
+    RunSubCommand(key, value, kTable);
 }
 
-void RunMixerSet(const char *value)
+void RunMixerSet(const char *, const char *value)
 {
     MixerCommandArgs args;
     std::string reason;
@@ -148,7 +150,7 @@ void RunMixerSet(const char *value)
          args.value.c_str(), ret);
 }
 
-void RunMixerGet(const char *value)
+void RunMixerGet(const char *, const char *value)
 {
     MixerCommandArgs args;
     std::string reason;
@@ -162,7 +164,7 @@ void RunMixerGet(const char *value)
          values.c_str());
 }
 
-void RunSetMaxVolume(const char *value)
+void RunSetMaxVolume(const char *, const char *value)
 {
     int card = ParseCardNumber(value);
     if (card <= 0) {
@@ -174,7 +176,7 @@ void RunSetMaxVolume(const char *value)
 
 struct Command {
     const char *key;
-    void (*run)(const char *value);
+    void (*run)(const char *key, const char *value);
 };
 
 // The order in which the keys are looked for; the first one present wins.
@@ -304,7 +306,7 @@ void ParseCommand(app_control_h app_control, void *)
         if (!value)
             continue;
         LOGI("value: %s", value.get());
-        command.run(value.get());
+        command.run(command.key, value.get());
         return;
     }
 }

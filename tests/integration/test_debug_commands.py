@@ -116,6 +116,12 @@ def test_unknown_keys_and_sub_commands_do_nothing_but_ask_the_audio_server(servi
     assert [name for name, _ in service.services.audio.calls() if name.startswith('Set')] == []
     assert service.services.sound.calls() == [] and service.signals.signals() == []
     assert not [m for m in messages(service, mark) if m.startswith('ret : ') and 'delay' not in m]
+    # A value that starts with none of its command's words is refused by name, as a warning.
+    with_words = ('audio_control', 'soundManager', 'pulse', 'localFileData')
+    refusals = [r for r in service.daemon.log.records(mark) if 'starts with no sub-command' in r.message]
+    assert [r.message for r in refusals] == [f'{key}: "{value}" starts with no sub-command, ignored'
+                                             for key, value in unknown if key in with_words]
+    assert {r.prio for r in refusals} == {'W'}
     assert service.daemon.running()
 
 
