@@ -31,25 +31,25 @@ const char kEasel32ModelTag[] = "KF03BX";
 
 struct CameraRow {
     const char *name;
-    int vendor;
-    int product;
+    const char *vendor;
+    const char *product;
 };
 
 // Webcams with a microphone: they enumerate as USB audio but must never take the TV sound.
 // The same product name stands twice on purpose: it ships with two product ids.
 const CameraRow kCameraTable[] = {
-    {"Logitech Webcam C930e", 0x046D, 0x0843},
-    {"c922 Pro Stream Webcam", 0x046D, 0x085C},
-    {"Logitech Webcam C925e", 0x046D, 0x085B},
-    {"HD Pro Webcam C920", 0x046D, 0x082D},
-    {"HD Pro Webcam C920", 0x046D, 0x0892},
-    {"Logitech Webcam C920-C", 0x046D, 0x0841},
-    {"Logitech Webcam C930c", 0x046D, 0x0891},
-    {"C920 Pro HD Webcam", 0x046D, 0x08E5},
-    {"Logitech StreamCam", 0x046D, 0x0893},
-    {"Corvel SC-FD100B", 0x1BCF, 0x2283},
-    {"Logitech Webcam C270-147", 0x046D, 0x0825},
-    {"Corvel Trimline Cam", 0x04E8, 0x20D3},
+    {"Logitech Webcam C930e", "0x046D", "0x0843"},
+    {"c922 Pro Stream Webcam", "0x046D", "0x085C"},
+    {"Logitech Webcam C925e", "0x046D", "0x085B"},
+    {"HD Pro Webcam C920", "0x046D", "0x082D"},
+    {"HD Pro Webcam C920", "0x046D", "0x0892"},
+    {"Logitech Webcam C920-C", "0x046D", "0x0841"},
+    {"Logitech Webcam C930c", "0x046D", "0x0891"},
+    {"C920 Pro HD Webcam", "0x046D", "0x08E5"},
+    {"Logitech StreamCam", "0x046D", "0x0893"},
+    {"Corvel SC-FD100B", "0x1BCF", "0x2283"},
+    {"Logitech Webcam C270-147", "0x046D", "0x0825"},
+    {"Corvel Trimline Cam", "0x04E8", "0x20D3"},
 };
 
 using CString = UniqueHandle<char, free>;
@@ -313,7 +313,11 @@ bool CUsbServiceUtil::IsCamera(const std::string &name, int vendorId, int produc
             LOGD("same name");
             return true;
         }
-        if (row.vendor == vendorId && row.product == productId) {
+        unsigned int vendor = 0;
+        unsigned int product = 0;
+        sscanf(row.vendor, "%x", &vendor);
+        sscanf(row.product, "%x", &product);
+        if (vendor == static_cast<unsigned int>(vendorId) && product == static_cast<unsigned int>(productId)) {
             LOGD("same vendorId&productId");
             return true;
         }
