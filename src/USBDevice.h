@@ -81,7 +81,7 @@ private:
     static gboolean m_InitRetryTimerCb(gpointer data);
     void m_RunInitPass();
     bool m_InitDevice();
-    int m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *list);
+    int m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *&list);
     bool m_TakeEnumeratedDevice(usb_device_s *dev);
     void m_OnInitDevicesDone(bool found);
     void m_FinishBoot(bool found);
