@@ -23,10 +23,8 @@ using nimbos::kServiceOk;
 using nimbos::PlatformService;
 using nimbos::SignalSubscription;
 
-static_assert(NOTIFICATION_ERROR_NONE == kServiceOk);
-static_assert(NOTIFICATION_ERROR_IO_ERROR == nimbos::kServiceIoError);
-static_assert(NOTIFICATION_ERROR_TIMED_OUT == nimbos::kServiceTimedOut);
-static_assert(NOTIFICATION_ERROR_INVALID_PARAMETER == nimbos::kServiceInvalidParameter);
+static_assert(nimbos::UsesServiceCodes(NOTIFICATION_ERROR_NONE, NOTIFICATION_ERROR_IO_ERROR,
+                                       NOTIFICATION_ERROR_TIMED_OUT, NOTIFICATION_ERROR_INVALID_PARAMETER));
 
 constexpr char kAppName[] = "hadrix";
 constexpr char kPlaceholder[] = "%s";
@@ -144,14 +142,7 @@ int Notify(notification &noti)
     GVariant *arguments = g_variant_new("(susss@as@a{sv}i)", kAppName, noti.id, "", noti.title.c_str(),
                                         noti.content.c_str(), g_variant_new_strv(nullptr, 0), HintsOf(noti),
                                         noti.expireMs);
-    g_autoptr(GVariant) reply = nullptr;
-    int ret = NotificationService().Call("Notify", arguments, G_VARIANT_TYPE("(u)"), &reply);
-    if (ret != kServiceOk)
-        return ret;
-    guint32 id = 0;
-    g_variant_get(reply, "(u)", &id);
-    noti.id = id;
-    return kServiceOk;
+    return NotificationService().ReadUint32("Notify", arguments, &noti.id);
 }
 
 // The handle stops hearing about its notification: from here on its callback is never called.
@@ -195,7 +186,7 @@ int Release(notification_h noti, bool takeDown)
     StopEvents(*owned);
     if (!takeDown || owned->id == 0)
         return NOTIFICATION_ERROR_NONE;
-    return NotificationService().Call("CloseNotification", g_variant_new("(u)", owned->id), nullptr);
+    return NotificationService().Command("CloseNotification", g_variant_new("(u)", owned->id));
 }
 
 } // namespace
