@@ -177,23 +177,12 @@ SourcePtr AttachToCallerContext(udev_monitor *monitor)
     return nimbos::AttachMonitorToCallerContext(monitor, OnMonitorReadable, "gamepad monitor");
 }
 
-UdevMonitorPtr OpenMonitor(udev *context)
-{
-    UdevMonitorPtr monitor(udev_monitor_new_from_netlink(context, "udev"));
-    if (!monitor || udev_monitor_filter_add_match_subsystem_devtype(monitor.get(), kInputSubsystem, nullptr) < 0 ||
-        udev_monitor_enable_receiving(monitor.get()) < 0) {
-        HOST_LOG(DLOG_ERROR, "cannot watch the input devices: %s", strerror(errno));
-        return UdevMonitorPtr();
-    }
-    return monitor;
-}
-
 // Listening starts before the gamepads present are read, so one arriving in between is
 // announced rather than missed.
 std::unique_ptr<Watch> StartWatch(udev *context)
 {
     auto state = std::make_unique<Watch>();
-    state->monitor = OpenMonitor(context);
+    state->monitor = nimbos::OpenSubsystemMonitor(context, kInputSubsystem, "input devices");
     std::vector<Gamepad> present;
     if (!state->monitor || ListGamepads(context, present) != kOk)
         return nullptr;
