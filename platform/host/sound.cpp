@@ -156,7 +156,8 @@ extern "C" int sound_manager_set_multiview_speaker_selection_with_zone_id(sound_
 {
     if (!IsRoute(route))
         return SOUND_MANAGER_ERROR_INVALID_PARAMETER;
-    return SoundManager().Command("SetMultiviewSpeakerSelection", g_variant_new("(ii)", static_cast<gint32>(route), zone_id));
+    return SoundManager().Command("SetMultiviewSpeakerSelection",
+                                  g_variant_new("(ii)", static_cast<gint32>(route), zone_id));
 }
 
 extern "C" int sound_manager_set_multiview_speaker_selection_changed_cb(
