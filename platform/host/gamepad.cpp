@@ -31,7 +31,9 @@ using nimbos::UdevEnumeratePtr;
 using nimbos::UdevMonitorPtr;
 constexpr auto Text = nimbos::UdevText;
 
+// gamepad.h names no codes of its own: success is 1, failures are negative.
 constexpr int kOk = 1;
+constexpr int kNoGamepadThere = 0;
 constexpr int kNotOpen = -1;
 constexpr int kIoError = -5;
 constexpr int kOutOfMemory = -12;
@@ -224,7 +226,7 @@ int gamepad_get_connected_device_Info(_gamepad_device_info_s *info, int index)
         if (status != kOk)
             return status;
         if (static_cast<size_t>(index) >= present.size())
-            return 0;
+            return kNoGamepadThere;
         *info = present[static_cast<size_t>(index)].second;
         return kOk;
     } catch (const std::bad_alloc &) {

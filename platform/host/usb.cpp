@@ -47,6 +47,7 @@ constexpr const char *kSoundSubsystem = "sound";
 constexpr const char *kCardSysnamePrefix = "card";
 constexpr const char *kInitializedProperty = "SOUND_INITIALIZED";
 
+// Not const: the callback's action parameter is a plain char *.
 char kAdded[] = "added";
 char kRemoved[] = "removed";
 
