@@ -213,9 +213,13 @@ extern "C" int notification_free(notification_h noti)
 extern "C" int notification_set_text(notification_h noti, notification_text_part_e part, const char *text,
                                      int arg_count, ...)
 {
-    if (!noti || !text || arg_count < NOTIFICATION_TEXT_NO_ARGS ||
-        (part != NOTIFICATION_TEXT_TITLE && part != NOTIFICATION_TEXT_CONTENT))
+    if (!noti || !text)
         return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    if (arg_count < NOTIFICATION_TEXT_NO_ARGS ||
+        (part != NOTIFICATION_TEXT_TITLE && part != NOTIFICATION_TEXT_CONTENT)) {
+        HOST_LOG(DLOG_ERROR, "notification text refused: part %d with %d arguments", part, arg_count);
+        return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    }
     std::string filled = text;
     if (arg_count > 0) {
         va_list args;
@@ -237,8 +241,12 @@ extern "C" int notification_set_layout(notification_h noti, int layout)
 
 extern "C" int notification_set_image(notification_h noti, int image_type, const char *path)
 {
-    if (!noti || !path || image_type < 0)
+    if (!noti || !path)
         return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    if (image_type < 0) {
+        HOST_LOG(DLOG_ERROR, "notification image type %d refused: negative", image_type);
+        return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    }
     // The notification service opens the file: it gets the place of the platform path here.
     std::string resolved = nimbos::Path(path);
     if (access(resolved.c_str(), R_OK) != 0)
@@ -257,8 +265,12 @@ extern "C" int notification_set_display_applist(notification_h noti, int applist
 
 extern "C" int notification_set_hide_timeout(notification_h noti, int seconds)
 {
-    if (!noti || seconds < 0 || seconds > G_MAXINT32 / kMsPerSecond)
+    if (!noti)
         return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    if (seconds < 0 || seconds > G_MAXINT32 / kMsPerSecond) {
+        HOST_LOG(DLOG_ERROR, "notification hide timeout %d s refused: out of range", seconds);
+        return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    }
     noti->expireMs = seconds * kMsPerSecond;
     return NOTIFICATION_ERROR_NONE;
 }

@@ -24,6 +24,15 @@ bool IsRoute(gint32 value)
     return value >= 0;
 }
 
+// A route a caller asks for; a negative one is refused with a log line.
+bool IsRouteToSet(sound_tv_output_route_e route, const char *function)
+{
+    if (IsRoute(route))
+        return true;
+    HOST_LOG(DLOG_ERROR, "%s refused: route %d is negative", function, static_cast<int>(route));
+    return false;
+}
+
 const PlatformService &SoundManager()
 {
     static const PlatformService service("org.nimbos.SoundManager");
@@ -114,7 +123,7 @@ extern "C" int sound_manager_get_speaker_selection(sound_tv_output_route_e *rout
 
 extern "C" int sound_manager_set_speaker_selection(sound_tv_output_route_e route)
 {
-    if (!IsRoute(route))
+    if (!IsRouteToSet(route, __func__))
         return SOUND_MANAGER_ERROR_INVALID_PARAMETER;
     return SoundManager().Command("SetSpeakerSelection", g_variant_new("(i)", static_cast<gint32>(route)));
 }
@@ -154,7 +163,7 @@ extern "C" int sound_manager_get_multiview_speaker_selection_with_zone_id(sound_
 extern "C" int sound_manager_set_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e route,
                                                                           int zone_id)
 {
-    if (!IsRoute(route))
+    if (!IsRouteToSet(route, __func__))
         return SOUND_MANAGER_ERROR_INVALID_PARAMETER;
     return SoundManager().Command("SetMultiviewSpeakerSelection",
                                   g_variant_new("(ii)", static_cast<gint32>(route), zone_id));
