@@ -2,6 +2,8 @@
 // settings store the service uses.
 #include "nimbos/settings.h"
 
+#include "UniqueFd.h"
+
 #include <charconv>
 #include <cmath>
 #include <csignal>
@@ -60,29 +62,26 @@ std::string FormatDouble(double value)
     return ec == std::errc() ? std::string(buffer, end) : std::string();
 }
 
-// Sends standard error to /dev/null while it lives.
+// Sends standard error to /dev/null while it lives; stays unmuted when it could not keep a copy
+// to bring back.
 class MutedStderr {
 public:
-    MutedStderr() : saved_(dup(STDERR_FILENO))
+    MutedStderr() : saved_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0))
     {
-        int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        if (null >= 0) {
-            dup2(null, STDERR_FILENO);
-            close(null);
-        }
+        UniqueFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+        if (saved_ && null)
+            dup2(null.get(), STDERR_FILENO);
     }
     ~MutedStderr()
     {
-        if (saved_ >= 0) {
-            dup2(saved_, STDERR_FILENO);
-            close(saved_);
-        }
+        if (saved_)
+            dup2(saved_.get(), STDERR_FILENO);
     }
     MutedStderr(const MutedStderr &) = delete;
     MutedStderr &operator=(const MutedStderr &) = delete;
 
 private:
-    int saved_;
+    UniqueFd saved_;
 };
 
 // The stored value as TYPE:VALUE. The store has no type query, so each typed getter is tried;

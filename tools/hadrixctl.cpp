@@ -80,6 +80,14 @@ const Command kCommands[] = {
      RunDebug},
 };
 
+const Command *FindCommand(const char *name)
+{
+    for (const Command &command : kCommands)
+        if (strcmp(command.name, name) == 0)
+            return &command;
+    return nullptr;
+}
+
 const char kExitText[] = "Exit status: 0 done, 1 the service is not running or refused the request, 2 usage error.\n";
 
 void PrintOverview(FILE *to)
@@ -344,6 +352,8 @@ int RunDebug(const std::vector<std::string> &args)
 {
     const std::string &key = args[0];
     const std::string &value = args[1];
+    if (!IsDebugKey(key))
+        return UsageError(("unknown debug key \"" + key + "\"").c_str(), FindCommand("debug"));
     app_control_h raw = nullptr;
     if (app_control_create(&raw) != APP_CONTROL_ERROR_NONE)
         return Failure("out of memory");
@@ -361,14 +371,6 @@ int RunDebug(const std::vector<std::string> &args)
 }
 
 // --- command line ------------------------------------------------------------------------------
-
-const Command *FindCommand(const char *name)
-{
-    for (const Command &command : kCommands)
-        if (strcmp(command.name, name) == 0)
-            return &command;
-    return nullptr;
-}
 
 bool IsHelp(const char *arg)
 {
@@ -397,8 +399,6 @@ int Run(int argc, char **argv)
     const int count = static_cast<int>(args.size());
     if (count < command->minArgs || count > command->maxArgs)
         return UsageError(count < command->minArgs ? "missing argument" : "too many arguments", command);
-    if (command->run == RunDebug && !IsDebugKey(args[0]))
-        return UsageError(("unknown debug key \"" + args[0] + "\"").c_str(), command);
     return command->run(args);
 }
 

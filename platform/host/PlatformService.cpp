@@ -85,6 +85,35 @@ int PlatformService::Call(const char *method, GVariant *arguments, const GVarian
     return kServiceOk;
 }
 
+int PlatformService::Command(const char *method, GVariant *arguments) const
+{
+    return Call(method, arguments, G_VARIANT_TYPE_UNIT);
+}
+
+int PlatformService::ReadOne(const char *method, GVariant *arguments, const char *tupleType, void *value) const
+{
+    g_autoptr(GVariant) reply = nullptr;
+    int result = Call(method, arguments, G_VARIANT_TYPE(tupleType), &reply);
+    if (result == kServiceOk)
+        g_variant_get(reply, tupleType, value);
+    return result;
+}
+
+int PlatformService::ReadInt32(const char *method, GVariant *arguments, gint32 *value) const
+{
+    return ReadOne(method, arguments, "(i)", value);
+}
+
+int PlatformService::ReadUint32(const char *method, GVariant *arguments, guint32 *value) const
+{
+    return ReadOne(method, arguments, "(u)", value);
+}
+
+int PlatformService::ReadBoolean(const char *method, GVariant *arguments, gboolean *value) const
+{
+    return ReadOne(method, arguments, "(b)", value);
+}
+
 std::unique_ptr<SignalSubscription> PlatformService::Subscribe(const char *signal, const GVariantType *type,
                                                                 SignalHandler handler) const
 {

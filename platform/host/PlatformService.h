@@ -20,6 +20,13 @@ constexpr int kServiceIoError = -EIO;
 constexpr int kServiceTimedOut = -ETIMEDOUT;
 constexpr int kServiceInvalidParameter = -EINVAL;
 
+// Whether a header's codes are these, so that a client hands Call's results on unchanged.
+constexpr bool UsesServiceCodes(int none, int ioError, int timedOut, int invalidParameter)
+{
+    return none == kServiceOk && ioError == kServiceIoError && timedOut == kServiceTimedOut &&
+           invalidParameter == kServiceInvalidParameter;
+}
+
 using ConnectionRef = UniqueHandle<GDBusConnection, g_object_unref>;
 
 // One signal subscription; destroying it unsubscribes. The handler is released on the
@@ -49,6 +56,14 @@ public:
     int Call(const char *method, GVariant *arguments, const GVariantType *replyType,
              GVariant **reply = nullptr) const;
 
+    // Call for a method that answers nothing.
+    int Command(const char *method, GVariant *arguments) const;
+
+    // Call for a method that answers one value, stored in *value only on success.
+    int ReadInt32(const char *method, GVariant *arguments, gint32 *value) const;
+    int ReadUint32(const char *method, GVariant *arguments, guint32 *value) const;
+    int ReadBoolean(const char *method, GVariant *arguments, gboolean *value) const;
+
     // Delivers every `signal` of the service whose arguments are of `type` to `handler`, on the
     // thread-default main context of the calling thread; signals of another type are logged and
     // dropped. Null when the system bus cannot be reached (logged).
@@ -58,6 +73,9 @@ public:
     const char *Name() const { return m_busName.c_str(); }
 
 private:
+    // `tupleType` is a one-value tuple type, also the format that unpacks it into `value`.
+    int ReadOne(const char *method, GVariant *arguments, const char *tupleType, void *value) const;
+
     std::string m_busName;
     std::string m_objectPath;
 };

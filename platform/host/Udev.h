@@ -1,6 +1,6 @@
-// libudev handles owned by unique_ptr, the GLib source that reads a udev monitor on the main
-// context of the thread that asked for it, and the state a library keeps between its calls:
-// shared by the host libraries that watch devices.
+// libudev handles owned by unique_ptr, a subsystem's udev monitor and the GLib source that reads
+// it on the main context of the thread that asked for it, and the state a library keeps between
+// its calls: shared by the host libraries that watch devices.
 #pragma once
 
 #include <glib-unix.h>
@@ -28,6 +28,18 @@ using UdevMonitorPtr = UniqueHandle<udev_monitor, udev_monitor_unref>;
 inline std::string UdevText(const char *value)
 {
     return value ? value : "";
+}
+
+// A receiving monitor of one subsystem's udev events; null, logged, when it cannot be opened.
+inline UdevMonitorPtr OpenSubsystemMonitor(udev *context, const char *subsystem, const char *what)
+{
+    UdevMonitorPtr monitor(udev_monitor_new_from_netlink(context, "udev"));
+    if (!monitor || udev_monitor_filter_add_match_subsystem_devtype(monitor.get(), subsystem, nullptr) < 0 ||
+        udev_monitor_enable_receiving(monitor.get()) < 0) {
+        HOST_LOG(DLOG_ERROR, "cannot watch the %s: %s", what, strerror(errno));
+        return UdevMonitorPtr();
+    }
+    return monitor;
 }
 
 // A source calling onReadable whenever the monitor has events, attached to the caller's

@@ -87,7 +87,6 @@ gboolean OnTerminateSignal(gpointer signalName)
     return G_SOURCE_CONTINUE;
 }
 
-
 SourcePtr Attach(GSource *source, GSourceFunc callback, gpointer data, int priority)
 {
     g_source_set_callback(source, callback, data, nullptr);
@@ -104,7 +103,15 @@ SourcePtr WatchSignal(int signum, const char *name)
 
 using HandlePtr = UniqueHandle<app_control_s, app_control_destroy>;
 
-// The request of a Launch call, or null with a refusal set in *error.
+// A request that could not be built: null, with the refusal in *error.
+HandlePtr Refuse(GError **error, GDBusError code, const char *reason)
+{
+    g_set_error_literal(error, G_DBUS_ERROR, code, reason);
+    return nullptr;
+}
+
+// The request of a Launch call, or null with a refusal set in *error. The arguments reached here
+// as D-Bus strings, so every handle call that fails short of an empty key is out of memory.
 HandlePtr RequestFrom(GVariant *parameters, GError **error)
 {
     const char *operation = nullptr;
@@ -112,27 +119,19 @@ HandlePtr RequestFrom(GVariant *parameters, GError **error)
     g_variant_get(parameters, "(&sa(ss))", &operation, &extra);
 
     app_control_h raw = nullptr;
-    if (app_control_create(&raw) != APP_CONTROL_ERROR_NONE) {
-        g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_MEMORY, "out of memory");
-        return nullptr;
-    }
+    if (app_control_create(&raw) != APP_CONTROL_ERROR_NONE)
+        return Refuse(error, G_DBUS_ERROR_NO_MEMORY, "out of memory");
     HandlePtr request(raw);
-    if (app_control_set_operation(request.get(), operation) != APP_CONTROL_ERROR_NONE) {
-        g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_MEMORY, "out of memory");
-        return nullptr;
-    }
+    if (app_control_set_operation(request.get(), operation) != APP_CONTROL_ERROR_NONE)
+        return Refuse(error, G_DBUS_ERROR_NO_MEMORY, "out of memory");
     const char *key = nullptr;
     const char *value = nullptr;
     while (g_variant_iter_next(extra, "(&s&s)", &key, &value)) {
         int ret = app_control_add_extra_data(request.get(), key, value);
-        if (ret == APP_CONTROL_ERROR_INVALID_PARAMETER) {
-            g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS, "extra data key is empty");
-            return nullptr;
-        }
-        if (ret != APP_CONTROL_ERROR_NONE) {
-            g_set_error_literal(error, G_DBUS_ERROR, G_DBUS_ERROR_NO_MEMORY, "out of memory");
-            return nullptr;
-        }
+        if (ret == APP_CONTROL_ERROR_INVALID_PARAMETER)
+            return Refuse(error, G_DBUS_ERROR_INVALID_ARGS, "extra data key is empty");
+        if (ret != APP_CONTROL_ERROR_NONE)
+            return Refuse(error, G_DBUS_ERROR_NO_MEMORY, "out of memory");
     }
     return request;
 }
@@ -185,7 +184,7 @@ public:
     explicit AppControlExport(Service *service)
     {
         g_autoptr(GError) error = nullptr;
-        bus_ = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+        bus_.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
         if (!bus_) {
             HOST_LOG(DLOG_WARN, "system bus unavailable, running without application control: %s",
                      error->message);
@@ -193,15 +192,15 @@ public:
         }
         g_autoptr(GDBusNodeInfo) node = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
         static const GDBusInterfaceVTable vtable = {OnMethodCall, nullptr, nullptr, {}};
-        registration_ = g_dbus_connection_register_object(bus_, kObjectPath, node->interfaces[0], &vtable,
+        registration_ = g_dbus_connection_register_object(bus_.get(), kObjectPath, node->interfaces[0], &vtable,
                                                           service, nullptr, &error);
         if (!registration_) {
             HOST_LOG(DLOG_ERROR, "cannot export %s, running without application control: %s", kObjectPath,
                      error->message);
             return;
         }
-        filter_ = g_dbus_connection_add_filter(bus_, LogRefusedLaunch, nullptr, nullptr);
-        owner_ = g_bus_own_name_on_connection(bus_, kBusName, G_BUS_NAME_OWNER_FLAGS_NONE, OnNameAcquired,
+        filter_ = g_dbus_connection_add_filter(bus_.get(), LogRefusedLaunch, nullptr, nullptr);
+        owner_ = g_bus_own_name_on_connection(bus_.get(), kBusName, G_BUS_NAME_OWNER_FLAGS_NONE, OnNameAcquired,
                                               OnNameLost, nullptr, nullptr);
     }
     ~AppControlExport()
@@ -209,16 +208,15 @@ public:
         if (owner_)
             g_bus_unown_name(owner_);
         if (filter_)
-            g_dbus_connection_remove_filter(bus_, filter_);
+            g_dbus_connection_remove_filter(bus_.get(), filter_);
         if (registration_)
-            g_dbus_connection_unregister_object(bus_, registration_);
-        g_clear_object(&bus_);
+            g_dbus_connection_unregister_object(bus_.get(), registration_);
     }
     AppControlExport(const AppControlExport &) = delete;
     AppControlExport &operator=(const AppControlExport &) = delete;
 
 private:
-    GDBusConnection *bus_ = nullptr;
+    UniqueHandle<GDBusConnection, g_object_unref> bus_;
     guint registration_ = 0;
     guint filter_ = 0;
     guint owner_ = 0;

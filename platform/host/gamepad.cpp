@@ -31,7 +31,9 @@ using nimbos::UdevEnumeratePtr;
 using nimbos::UdevMonitorPtr;
 constexpr auto Text = nimbos::UdevText;
 
+// gamepad.h names no codes of its own: success is 1, failures are negative.
 constexpr int kOk = 1;
+constexpr int kNoGamepadThere = 0;
 constexpr int kNotOpen = -1;
 constexpr int kIoError = -5;
 constexpr int kOutOfMemory = -12;
@@ -177,23 +179,12 @@ SourcePtr AttachToCallerContext(udev_monitor *monitor)
     return nimbos::AttachMonitorToCallerContext(monitor, OnMonitorReadable, "gamepad monitor");
 }
 
-UdevMonitorPtr OpenMonitor(udev *context)
-{
-    UdevMonitorPtr monitor(udev_monitor_new_from_netlink(context, "udev"));
-    if (!monitor || udev_monitor_filter_add_match_subsystem_devtype(monitor.get(), kInputSubsystem, nullptr) < 0 ||
-        udev_monitor_enable_receiving(monitor.get()) < 0) {
-        HOST_LOG(DLOG_ERROR, "cannot watch the input devices: %s", strerror(errno));
-        return UdevMonitorPtr();
-    }
-    return monitor;
-}
-
 // Listening starts before the gamepads present are read, so one arriving in between is
 // announced rather than missed.
 std::unique_ptr<Watch> StartWatch(udev *context)
 {
     auto state = std::make_unique<Watch>();
-    state->monitor = OpenMonitor(context);
+    state->monitor = nimbos::OpenSubsystemMonitor(context, kInputSubsystem, "input devices");
     std::vector<Gamepad> present;
     if (!state->monitor || ListGamepads(context, present) != kOk)
         return nullptr;
@@ -235,7 +226,7 @@ int gamepad_get_connected_device_Info(_gamepad_device_info_s *info, int index)
         if (status != kOk)
             return status;
         if (static_cast<size_t>(index) >= present.size())
-            return 0;
+            return kNoGamepadThere;
         *info = present[static_cast<size_t>(index)].second;
         return kOk;
     } catch (const std::bad_alloc &) {

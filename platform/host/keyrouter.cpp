@@ -16,10 +16,8 @@ using nimbos::kServiceOk;
 using nimbos::PlatformService;
 using nimbos::SignalSubscription;
 
-static_assert(KEYROUTER_ERROR_NONE == kServiceOk);
-static_assert(KEYROUTER_ERROR_IO_ERROR == nimbos::kServiceIoError);
-static_assert(KEYROUTER_ERROR_TIMED_OUT == nimbos::kServiceTimedOut);
-static_assert(KEYROUTER_ERROR_INVALID_PARAMETER == nimbos::kServiceInvalidParameter);
+static_assert(nimbos::UsesServiceCodes(KEYROUTER_ERROR_NONE, KEYROUTER_ERROR_IO_ERROR, KEYROUTER_ERROR_TIMED_OUT,
+                                       KEYROUTER_ERROR_INVALID_PARAMETER));
 
 constexpr const char *kKeyRouterName = "org.nimbos.KeyRouter";
 
@@ -35,9 +33,8 @@ const PlatformService &MessageBus()
     return service;
 }
 
-// What a connection holds: the bus, and the key events while they are subscribed.
+// What a connection holds: the key event subscriptions, which keep the bus open.
 struct Connection {
-    nimbos::ConnectionRef bus;
     std::unique_ptr<SignalSubscription> keyDown;
     std::unique_ptr<SignalSubscription> keyUp;
 };
@@ -56,13 +53,9 @@ std::unique_ptr<Connection> &CurrentConnection()
 
 bool RouterIsOnTheBus()
 {
-    g_autoptr(GVariant) reply = nullptr;
-    if (MessageBus().Call("NameHasOwner", g_variant_new("(s)", kKeyRouterName), G_VARIANT_TYPE("(b)"), &reply) !=
-        kServiceOk)
-        return false;
     gboolean owned = FALSE;
-    g_variant_get(reply, "(b)", &owned);
-    return owned;
+    return MessageBus().ReadBoolean("NameHasOwner", g_variant_new("(s)", kKeyRouterName), &owned) == kServiceOk &&
+           owned;
 }
 
 void DeliverKey(ecore_event_type_e type, GVariant *arguments)
@@ -88,9 +81,10 @@ std::unique_ptr<SignalSubscription> SubscribeKey(const char *signal, ecore_event
 
 int Connect(Connection &connection)
 {
+    // Opened here only to tell a missing bus from a missing router; the subscriptions hold their own.
     g_autoptr(GError) error = nullptr;
-    connection.bus.reset(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error));
-    if (!connection.bus) {
+    g_autoptr(GDBusConnection) bus = g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, &error);
+    if (!bus) {
         HOST_LOG(DLOG_ERROR, "no system bus for the key router: %s", error->message);
         return KEYROUTER_ERROR_NO_DISPLAY;
     }
@@ -107,15 +101,13 @@ int Connect(Connection &connection)
     return KEYROUTER_ERROR_NONE;
 }
 
-// Key names go on the bus as D-Bus strings.
+// Key names go on the bus as D-Bus strings; anything else is refused here, with a log line.
 bool IsKeyName(const char *key)
 {
-    return key && *key && g_utf8_validate(key, -1, nullptr);
-}
-
-int Command(const char *method, GVariant *arguments)
-{
-    return KeyRouter().Call(method, arguments, G_VARIANT_TYPE_UNIT);
+    if (key && *key && g_utf8_validate(key, -1, nullptr))
+        return true;
+    HOST_LOG(DLOG_ERROR, "key name refused: empty or not UTF-8");
+    return false;
 }
 
 } // namespace
@@ -143,33 +135,29 @@ extern "C" void keyrouter_disconnect(void)
 
 extern "C" int capi_window_tv_reset_key_grab_config(int window)
 {
-    return Command("ResetKeyGrabConfig", g_variant_new("(i)", window));
+    return KeyRouter().Command("ResetKeyGrabConfig", g_variant_new("(i)", window));
 }
 
 extern "C" int capi_window_tv_add_key(int window, const char *key, int mode)
 {
-    if (!IsKeyName(key)) {
-        HOST_LOG(DLOG_ERROR, "key name refused: empty or not UTF-8");
+    if (!IsKeyName(key))
         return KEYROUTER_ERROR_INVALID_PARAMETER;
-    }
-    return Command("AddKey", g_variant_new("(isi)", window, key, mode));
+    return KeyRouter().Command("AddKey", g_variant_new("(isi)", window, key, mode));
 }
 
 extern "C" int capi_window_tv_set_grabbed_keys(int window)
 {
-    return Command("SetGrabbedKeys", g_variant_new("(i)", window));
+    return KeyRouter().Command("SetGrabbedKeys", g_variant_new("(i)", window));
 }
 
 extern "C" int capi_window_tv_unset_grabbed_keys(int window)
 {
-    return Command("UnsetGrabbedKeys", g_variant_new("(i)", window));
+    return KeyRouter().Command("UnsetGrabbedKeys", g_variant_new("(i)", window));
 }
 
 extern "C" int capi_window_tv_set_special_key_mode(int window, int mode, const char *key)
 {
-    if (!IsKeyName(key)) {
-        HOST_LOG(DLOG_ERROR, "key name refused: empty or not UTF-8");
+    if (!IsKeyName(key))
         return KEYROUTER_ERROR_INVALID_PARAMETER;
-    }
-    return Command("SetSpecialKeyMode", g_variant_new("(iis)", window, mode, key));
+    return KeyRouter().Command("SetSpecialKeyMode", g_variant_new("(iis)", window, mode, key));
 }

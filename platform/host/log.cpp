@@ -9,8 +9,11 @@
 #include <string>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
+
+constexpr const char *kOwnTag = "nimbos";
 
 char PriorityLetter(log_priority prio)
 {
@@ -24,12 +27,47 @@ char PriorityLetter(log_priority prio)
     return '?';
 }
 
-// HADRIX_LOG_LEVEL=debug|info|warn|error sets the lowest priority written; read once.
+// "HH:MM:SS.mmm P/tag(pid:tid): ", sized for any tag.
+std::string LineHead(log_priority prio, const char *tag)
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    char stamp[48];
+    snprintf(stamp, sizeof stamp, "%02d:%02d:%02d.%03ld %c/", local.tm_hour, local.tm_min, local.tm_sec,
+             now.tv_nsec / 1000000, PriorityLetter(prio));
+    char ids[48];
+    snprintf(ids, sizeof ids, "(%d:%ld): ", static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)));
+    return std::string(stamp) + (tag ? tag : "") + ids;
+}
+
+// One message is one line: a trailing break is dropped, inner ones would split it in the journal.
+void MakeOneLine(std::string &body)
+{
+    while (!body.empty() && body.back() == '\n')
+        body.pop_back();
+    for (char &c : body)
+        if (c == '\n')
+            c = ' ';
+}
+
+// A single write keeps lines from different threads whole.
+int WriteLine(log_priority prio, const char *tag, std::string body)
+{
+    MakeOneLine(body);
+    const std::string line = LineHead(prio, tag) + body + '\n';
+    ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+    return written < 0 ? -errno : static_cast<int>(written);
+}
+
+// HADRIX_LOG_LEVEL=debug|info|warn|error sets the lowest priority written; read once. Any other
+// value writes everything, and says so: the log cannot log through itself while it decides.
 log_priority MinimumPriority()
 {
     static const log_priority level = [] {
         const char *env = getenv("HADRIX_LOG_LEVEL");
-        if (!env)
+        if (!env || !strcmp(env, "debug"))
             return DLOG_DEBUG;
         if (!strcmp(env, "info"))
             return DLOG_INFO;
@@ -37,6 +75,9 @@ log_priority MinimumPriority()
             return DLOG_WARN;
         if (!strcmp(env, "error"))
             return DLOG_ERROR;
+        WriteLine(DLOG_WARN, kOwnTag,
+                  std::string("HADRIX_LOG_LEVEL \"") + env +
+                      "\" refused: it is debug, info, warn or error; every priority is written");
         return DLOG_DEBUG;
     }();
     return level;
@@ -49,39 +90,16 @@ extern "C" int dlog_vprint(log_priority prio, const char *tag, const char *fmt, 
     if (prio < MinimumPriority())
         return 0;
 
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm local{};
-    localtime_r(&now.tv_sec, &local);
-
-    char head[96];
-    int headLen = snprintf(head, sizeof head, "%02d:%02d:%02d.%03ld %c/%s(%d:%ld): ", local.tm_hour,
-                           local.tm_min, local.tm_sec, now.tv_nsec / 1000000, PriorityLetter(prio),
-                           tag ? tag : "", static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)));
-
     va_list copy;
     va_copy(copy, ap);
     int bodyLen = vsnprintf(nullptr, 0, fmt, copy);
     va_end(copy);
     if (bodyLen < 0)
         return -EINVAL;
-
-    std::string line(head, static_cast<size_t>(headLen));
     std::string body(static_cast<size_t>(bodyLen) + 1, '\0');
     vsnprintf(&body[0], body.size(), fmt, ap);
     body.resize(static_cast<size_t>(bodyLen));
-    // One message is one line: a trailing break is dropped, inner ones would split it in the journal.
-    while (!body.empty() && body.back() == '\n')
-        body.pop_back();
-    for (char &c : body)
-        if (c == '\n')
-            c = ' ';
-    line += body;
-    line += '\n';
-
-    // A single write keeps lines from different threads whole.
-    ssize_t written = write(STDERR_FILENO, line.data(), line.size());
-    return written < 0 ? -errno : static_cast<int>(written);
+    return WriteLine(prio, tag, std::move(body));
 }
 
 extern "C" int dlog_print(log_priority prio, const char *tag, const char *fmt, ...)

@@ -23,10 +23,8 @@ using nimbos::kServiceOk;
 using nimbos::PlatformService;
 using nimbos::SignalSubscription;
 
-static_assert(NOTIFICATION_ERROR_NONE == kServiceOk);
-static_assert(NOTIFICATION_ERROR_IO_ERROR == nimbos::kServiceIoError);
-static_assert(NOTIFICATION_ERROR_TIMED_OUT == nimbos::kServiceTimedOut);
-static_assert(NOTIFICATION_ERROR_INVALID_PARAMETER == nimbos::kServiceInvalidParameter);
+static_assert(nimbos::UsesServiceCodes(NOTIFICATION_ERROR_NONE, NOTIFICATION_ERROR_IO_ERROR,
+                                       NOTIFICATION_ERROR_TIMED_OUT, NOTIFICATION_ERROR_INVALID_PARAMETER));
 
 constexpr char kAppName[] = "hadrix";
 constexpr char kPlaceholder[] = "%s";
@@ -144,14 +142,7 @@ int Notify(notification &noti)
     GVariant *arguments = g_variant_new("(susss@as@a{sv}i)", kAppName, noti.id, "", noti.title.c_str(),
                                         noti.content.c_str(), g_variant_new_strv(nullptr, 0), HintsOf(noti),
                                         noti.expireMs);
-    g_autoptr(GVariant) reply = nullptr;
-    int ret = NotificationService().Call("Notify", arguments, G_VARIANT_TYPE("(u)"), &reply);
-    if (ret != kServiceOk)
-        return ret;
-    guint32 id = 0;
-    g_variant_get(reply, "(u)", &id);
-    noti.id = id;
-    return kServiceOk;
+    return NotificationService().ReadUint32("Notify", arguments, &noti.id);
 }
 
 // The handle stops hearing about its notification: from here on its callback is never called.
@@ -195,7 +186,7 @@ int Release(notification_h noti, bool takeDown)
     StopEvents(*owned);
     if (!takeDown || owned->id == 0)
         return NOTIFICATION_ERROR_NONE;
-    return NotificationService().Call("CloseNotification", g_variant_new("(u)", owned->id), nullptr);
+    return NotificationService().Command("CloseNotification", g_variant_new("(u)", owned->id));
 }
 
 } // namespace
@@ -222,9 +213,13 @@ extern "C" int notification_free(notification_h noti)
 extern "C" int notification_set_text(notification_h noti, notification_text_part_e part, const char *text,
                                      int arg_count, ...)
 {
-    if (!noti || !text || arg_count < NOTIFICATION_TEXT_NO_ARGS ||
-        (part != NOTIFICATION_TEXT_TITLE && part != NOTIFICATION_TEXT_CONTENT))
+    if (!noti || !text)
         return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    if (arg_count < NOTIFICATION_TEXT_NO_ARGS ||
+        (part != NOTIFICATION_TEXT_TITLE && part != NOTIFICATION_TEXT_CONTENT)) {
+        HOST_LOG(DLOG_ERROR, "notification text refused: part %d with %d arguments", part, arg_count);
+        return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    }
     std::string filled = text;
     if (arg_count > 0) {
         va_list args;
@@ -246,8 +241,12 @@ extern "C" int notification_set_layout(notification_h noti, int layout)
 
 extern "C" int notification_set_image(notification_h noti, int image_type, const char *path)
 {
-    if (!noti || !path || image_type < 0)
+    if (!noti || !path)
         return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    if (image_type < 0) {
+        HOST_LOG(DLOG_ERROR, "notification image type %d refused: negative", image_type);
+        return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    }
     // The notification service opens the file: it gets the place of the platform path here.
     std::string resolved = nimbos::Path(path);
     if (access(resolved.c_str(), R_OK) != 0)
@@ -266,8 +265,12 @@ extern "C" int notification_set_display_applist(notification_h noti, int applist
 
 extern "C" int notification_set_hide_timeout(notification_h noti, int seconds)
 {
-    if (!noti || seconds < 0 || seconds > G_MAXINT32 / kMsPerSecond)
+    if (!noti)
         return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    if (seconds < 0 || seconds > G_MAXINT32 / kMsPerSecond) {
+        HOST_LOG(DLOG_ERROR, "notification hide timeout %d s refused: out of range", seconds);
+        return NOTIFICATION_ERROR_INVALID_PARAMETER;
+    }
     noti->expireMs = seconds * kMsPerSecond;
     return NOTIFICATION_ERROR_NONE;
 }

@@ -15,10 +15,8 @@ using nimbos::kServiceOk;
 using nimbos::PlatformService;
 using nimbos::SignalSubscription;
 
-static_assert(DEVICE_POWER_ERROR_NONE == kServiceOk);
-static_assert(DEVICE_POWER_ERROR_IO_ERROR == nimbos::kServiceIoError);
-static_assert(DEVICE_POWER_ERROR_TIMED_OUT == nimbos::kServiceTimedOut);
-static_assert(DEVICE_POWER_ERROR_INVALID_PARAMETER == nimbos::kServiceInvalidParameter);
+static_assert(nimbos::UsesServiceCodes(DEVICE_POWER_ERROR_NONE, DEVICE_POWER_ERROR_IO_ERROR,
+                                       DEVICE_POWER_ERROR_TIMED_OUT, DEVICE_POWER_ERROR_INVALID_PARAMETER));
 
 const PlatformService &DevicePower()
 {
@@ -77,12 +75,10 @@ void DeliverStateChanged(GVariant *arguments, device_power_state_changed_cb cb, 
 
 extern "C" int device_power_get_state(void)
 {
-    g_autoptr(GVariant) reply = nullptr;
-    int result = DevicePower().Call("GetState", nullptr, G_VARIANT_TYPE("(i)"), &reply);
+    gint32 state = 0;
+    int result = DevicePower().ReadInt32("GetState", nullptr, &state);
     if (result != kServiceOk)
         return result;
-    gint32 state = 0;
-    g_variant_get(reply, "(i)", &state);
     if (!IsState(state)) {
         HOST_LOG(DLOG_ERROR, "GetState answered %d, refused: not a power state", state);
         return DEVICE_POWER_ERROR_IO_ERROR;

@@ -50,17 +50,25 @@ int Store(const char *name, const Value &value)
     return key && nimbos::settings::Write(*key, value) ? 0 : -1;
 }
 
-bool IsOutPointer(const void *out, const char *function)
+// The typed getters: `field` of the stored value goes to *out when the key holds `wanted`.
+template <typename T>
+int Get(const char *function, const char *name, vconf_t wanted, T Value::*field, T *out)
 {
-    if (!out)
+    if (!out) {
         HOST_LOG(DLOG_ERROR, "%s refused: no place for the value", function);
-    return out != nullptr;
+        return -1;
+    }
+    auto stored = ReadAs(name, wanted);
+    if (!stored)
+        return -1;
+    *out = (*stored).*field;
+    return 0;
 }
 
 // What one registration's source needs when it fires. Owned by that source.
 struct KeyWatch {
     Key key;
-    std::string fileName;
+    std::string fileName; // key.FileName(), kept for matching every event of the directory
     vconf_callback_fn callback;
     std::atomic<void *> userData;
     // Cleared on removal, so a dispatch already running on another thread stops early.
@@ -131,6 +139,10 @@ void FinalizeKeyWatch(GSource *source)
 
 GSourceFuncs kKeyWatchFuncs = {nullptr, nullptr, DispatchKeyWatch, FinalizeKeyWatch, nullptr, nullptr};
 
+KeyWatch &WatchOf(const SourcePtr &source)
+{
+    return *reinterpret_cast<KeyWatchSource *>(source.get())->watch;
+}
 
 UniqueFd WatchDirectoryOf(const Key &key)
 {
@@ -163,13 +175,7 @@ SourcePtr AttachKeyWatch(const Key &key, vconf_callback_fn callback, void *userD
     return source;
 }
 
-struct Registration {
-    std::string key;
-    vconf_callback_fn callback;
-    KeyWatch *watch; // lives as long as source
-    SourcePtr source;
-};
-
+// One registration is its attached source; the key and callback it serves are in its watch.
 class Registry {
 public:
     int Add(const Key &key, vconf_callback_fn callback, void *userData)
@@ -177,14 +183,13 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         auto found = Find(key.name, callback);
         if (found != registrations_.end()) {
-            found->watch->userData = userData;
+            WatchOf(*found).userData = userData;
             return 0;
         }
         SourcePtr source = AttachKeyWatch(key, callback, userData);
         if (!source)
             return -1;
-        KeyWatch *watch = reinterpret_cast<KeyWatchSource *>(source.get())->watch;
-        registrations_.push_back(Registration{key.name, callback, watch, std::move(source)});
+        registrations_.push_back(std::move(source));
         return 0;
     }
 
@@ -194,20 +199,22 @@ public:
         auto found = Find(key, callback);
         if (found == registrations_.end())
             return false;
-        found->watch->active = false;
+        WatchOf(*found).active = false;
         registrations_.erase(found);
         return true;
     }
 
 private:
-    std::vector<Registration>::iterator Find(const std::string &key, vconf_callback_fn callback)
+    std::vector<SourcePtr>::iterator Find(const std::string &key, vconf_callback_fn callback)
     {
-        return std::find_if(registrations_.begin(), registrations_.end(),
-                            [&](const Registration &r) { return r.callback == callback && r.key == key; });
+        return std::find_if(registrations_.begin(), registrations_.end(), [&](const SourcePtr &source) {
+            const KeyWatch &watch = WatchOf(source);
+            return watch.callback == callback && watch.key.name == key;
+        });
     }
 
     std::mutex mutex_;
-    std::vector<Registration> registrations_;
+    std::vector<SourcePtr> registrations_;
 };
 
 // Never destroyed: sources may still dispatch on other threads while the process exits.
@@ -237,35 +244,17 @@ extern "C" {
 
 int vconf_get_int(const char *key, int *value)
 {
-    if (!IsOutPointer(value, __func__))
-        return -1;
-    auto stored = ReadAs(key, VCONF_TYPE_INT);
-    if (!stored)
-        return -1;
-    *value = stored->number;
-    return 0;
+    return Get(__func__, key, VCONF_TYPE_INT, &Value::number, value);
 }
 
 int vconf_get_bool(const char *key, int *value)
 {
-    if (!IsOutPointer(value, __func__))
-        return -1;
-    auto stored = ReadAs(key, VCONF_TYPE_BOOL);
-    if (!stored)
-        return -1;
-    *value = stored->number;
-    return 0;
+    return Get(__func__, key, VCONF_TYPE_BOOL, &Value::number, value);
 }
 
 int vconf_get_dbl(const char *key, double *value)
 {
-    if (!IsOutPointer(value, __func__))
-        return -1;
-    auto stored = ReadAs(key, VCONF_TYPE_DOUBLE);
-    if (!stored)
-        return -1;
-    *value = stored->real;
-    return 0;
+    return Get(__func__, key, VCONF_TYPE_DOUBLE, &Value::real, value);
 }
 
 char *vconf_get_str(const char *key)

@@ -14,16 +14,23 @@ using nimbos::kServiceOk;
 using nimbos::PlatformService;
 using nimbos::SignalSubscription;
 
-static_assert(SOUND_MANAGER_ERROR_NONE == kServiceOk);
-static_assert(SOUND_MANAGER_ERROR_IO_ERROR == nimbos::kServiceIoError);
-static_assert(SOUND_MANAGER_ERROR_TIMED_OUT == nimbos::kServiceTimedOut);
-static_assert(SOUND_MANAGER_ERROR_INVALID_PARAMETER == nimbos::kServiceInvalidParameter);
+static_assert(nimbos::UsesServiceCodes(SOUND_MANAGER_ERROR_NONE, SOUND_MANAGER_ERROR_IO_ERROR,
+                                       SOUND_MANAGER_ERROR_TIMED_OUT, SOUND_MANAGER_ERROR_INVALID_PARAMETER));
 
 // Routes are the sound manager's own integers, any of them valid but never negative; a negative one
 // on the bus is bad input.
 bool IsRoute(gint32 value)
 {
     return value >= 0;
+}
+
+// A route a caller asks for; a negative one is refused with a log line.
+bool IsRouteToSet(sound_tv_output_route_e route, const char *function)
+{
+    if (IsRoute(route))
+        return true;
+    HOST_LOG(DLOG_ERROR, "%s refused: route %d is negative", function, static_cast<int>(route));
+    return false;
 }
 
 const PlatformService &SoundManager()
@@ -60,23 +67,16 @@ CallbackSlot &MultiviewChangedSlot()
 
 int ReadRoute(const char *method, GVariant *arguments, sound_tv_output_route_e *route)
 {
-    g_autoptr(GVariant) reply = nullptr;
-    int result = SoundManager().Call(method, arguments, G_VARIANT_TYPE("(i)"), &reply);
+    gint32 value = 0;
+    int result = SoundManager().ReadInt32(method, arguments, &value);
     if (result != kServiceOk)
         return result;
-    gint32 value = 0;
-    g_variant_get(reply, "(i)", &value);
     if (!IsRoute(value)) {
         HOST_LOG(DLOG_ERROR, "%s answered route %d, refused: not a route", method, value);
         return SOUND_MANAGER_ERROR_IO_ERROR;
     }
     *route = static_cast<sound_tv_output_route_e>(value);
     return SOUND_MANAGER_ERROR_NONE;
-}
-
-int Command(const char *method, GVariant *arguments)
-{
-    return SoundManager().Call(method, arguments, G_VARIANT_TYPE_UNIT);
 }
 
 int Register(CallbackSlot &slot, const char *signal, const char *type, PlatformService::SignalHandler handler)
@@ -123,9 +123,9 @@ extern "C" int sound_manager_get_speaker_selection(sound_tv_output_route_e *rout
 
 extern "C" int sound_manager_set_speaker_selection(sound_tv_output_route_e route)
 {
-    if (!IsRoute(route))
+    if (!IsRouteToSet(route, __func__))
         return SOUND_MANAGER_ERROR_INVALID_PARAMETER;
-    return Command("SetSpeakerSelection", g_variant_new("(i)", static_cast<gint32>(route)));
+    return SoundManager().Command("SetSpeakerSelection", g_variant_new("(i)", static_cast<gint32>(route)));
 }
 
 extern "C" int sound_manager_set_speaker_changed_cb(sound_manager_speaker_changed_cb cb, void *user_data)
@@ -144,12 +144,12 @@ extern "C" int sound_manager_unset_speaker_changed_cb(void)
 
 extern "C" int sound_manager_set_mute_gain(int type, int gain)
 {
-    return Command("SetMuteGain", g_variant_new("(ii)", type, gain));
+    return SoundManager().Command("SetMuteGain", g_variant_new("(ii)", type, gain));
 }
 
 extern "C" int sound_manager_apply_unmute_fade_in(int type)
 {
-    return Command("ApplyUnmuteFadeIn", g_variant_new("(i)", type));
+    return SoundManager().Command("ApplyUnmuteFadeIn", g_variant_new("(i)", type));
 }
 
 extern "C" int sound_manager_get_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e *route,
@@ -163,9 +163,10 @@ extern "C" int sound_manager_get_multiview_speaker_selection_with_zone_id(sound_
 extern "C" int sound_manager_set_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e route,
                                                                           int zone_id)
 {
-    if (!IsRoute(route))
+    if (!IsRouteToSet(route, __func__))
         return SOUND_MANAGER_ERROR_INVALID_PARAMETER;
-    return Command("SetMultiviewSpeakerSelection", g_variant_new("(ii)", static_cast<gint32>(route), zone_id));
+    return SoundManager().Command("SetMultiviewSpeakerSelection",
+                                  g_variant_new("(ii)", static_cast<gint32>(route), zone_id));
 }
 
 extern "C" int sound_manager_set_multiview_speaker_selection_changed_cb(

@@ -50,8 +50,12 @@ int GetString(const char *group, const char *key, char **value)
 
 extern "C" int system_info_get_value_string(system_info_key_e key, char **value)
 {
-    if (key != SYSTEM_INFO_KEY_MODEL || !value)
+    if (!value)
         return SYSTEM_INFO_ERROR_INVALID_PARAMETER;
+    if (key != SYSTEM_INFO_KEY_MODEL) {
+        HOST_LOG(DLOG_ERROR, "system information key %d refused: only the model is known", static_cast<int>(key));
+        return SYSTEM_INFO_ERROR_INVALID_PARAMETER;
+    }
     return GetString(kSystemGroup, kModelKey, value);
 }
 

@@ -47,6 +47,7 @@ constexpr const char *kSoundSubsystem = "sound";
 constexpr const char *kCardSysnamePrefix = "card";
 constexpr const char *kInitializedProperty = "SOUND_INITIALIZED";
 
+// Not const: the callback's action parameter is a plain char *.
 char kAdded[] = "added";
 char kRemoved[] = "removed";
 
@@ -213,23 +214,12 @@ SourcePtr AttachToCallerContext(udev_monitor *monitor)
     return nimbos::AttachMonitorToCallerContext(monitor, OnMonitorReadable, "usb sound card monitor");
 }
 
-MonitorPtr OpenMonitor(udev *context)
-{
-    MonitorPtr monitor(udev_monitor_new_from_netlink(context, "udev"));
-    if (!monitor || udev_monitor_filter_add_match_subsystem_devtype(monitor.get(), kSoundSubsystem, nullptr) < 0 ||
-        udev_monitor_enable_receiving(monitor.get()) < 0) {
-        HOST_LOG(DLOG_ERROR, "cannot watch the sound cards: %s", strerror(errno));
-        return MonitorPtr();
-    }
-    return monitor;
-}
-
 // Listening starts before the cards present are read, so a card arriving in between is
 // announced rather than missed.
 std::unique_ptr<Watch> StartWatch(udev *context)
 {
     auto state = std::make_unique<Watch>();
-    state->monitor = OpenMonitor(context);
+    state->monitor = nimbos::OpenSubsystemMonitor(context, kSoundSubsystem, "sound cards");
     std::vector<usb_device_s> present;
     if (!state->monitor || ListCards(context, present) != USB_DEVICE_ERROR_NONE)
         return nullptr;

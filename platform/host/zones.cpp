@@ -20,10 +20,8 @@ namespace {
 
 using nimbos::kServiceOk;
 
-static_assert(RC_ERROR_NONE == kServiceOk);
-static_assert(RC_ERROR_IO_ERROR == nimbos::kServiceIoError);
-static_assert(RC_ERROR_TIMED_OUT == nimbos::kServiceTimedOut);
-static_assert(RC_ERROR_INVALID_PARAMETER == nimbos::kServiceInvalidParameter);
+static_assert(nimbos::UsesServiceCodes(RC_ERROR_NONE, RC_ERROR_IO_ERROR, RC_ERROR_TIMED_OUT,
+                                       RC_ERROR_INVALID_PARAMETER));
 
 const nimbos::PlatformService &ResourceCenter()
 {

@@ -299,6 +299,12 @@ class SimulatedTV:
         self.bus.wait_for_name(SERVICE_BUS_NAME)
         self.follow()
 
+    def follow_startup_enumeration(self):
+        """Follows the service's look for the devices present at start-up (ten seconds when
+        there is none) and the gamepad library, which it asks a second later."""
+        self.settle_until('No devices found.', 15)
+        self.settle(1.2)
+
     def stop_service(self):
         self.timeline.say('tv', 'asking the service to terminate (SIGTERM)')
         status = self.daemon.stop()
@@ -344,6 +350,20 @@ class SimulatedTV:
         self.kernel_log.disconnect(device.port, self.kernel_time())
         self.testbed.remove(self.plugged.pop(name))
         self._audio_server_opens(*self.plugged)
+
+    def plug_and_watch(self, name, then=0.4):
+        self._watch_hotplug(self.plug, name, then)
+
+    def unplug_and_watch(self, name, then=0.4):
+        self._watch_hotplug(self.unplug, name, then)
+
+    def _watch_hotplug(self, action, name, then):
+        """Plugs or unplugs `name`, follows the service until it has handled the event, and then
+        `then` seconds more for what it does in the background (audio server, popups)."""
+        self._until_mark = self.daemon.log.mark()
+        action(name)
+        self.settle(5, until=lambda record: record.message in HOTPLUG_ENDS)
+        self.settle(then)
 
     def _audio_server_opens(self, *names):
         """The audio server has the cards of these catalogue devices open."""
@@ -460,6 +480,7 @@ class SimulatedTV:
 
     def _follow_calls(self):
         for (service, method), text in CALLS.items():
+            # The key router is this TV's own mock; the other services are the platform's.
             calls = (getattr(self.services, service, None) or getattr(self, service)).calls(method)
             seen = self._calls_seen.get((service, method), 0)
             for _, args in calls[seen:]:
@@ -552,12 +573,6 @@ class SimulatedTV:
         self._until_mark = self.daemon.log.mark()
         self.settle(timeout, until=message)
 
-    def handled(self, then=0.4):
-        """Follows the service until it has handled the hot-plug event just made, and then
-        `then` seconds more for what it does in the background (audio server, popups)."""
-        self.settle(5, until=lambda record: record.message in HOTPLUG_ENDS)
-        self.settle(then)
-
     def close(self):
         """Ends everything; returns the crashes and sanitizer reports of the programs run."""
         self._compiling.shutdown()
@@ -575,15 +590,6 @@ class SimulatedTV:
             shutil.rmtree(self.work, ignore_errors=True)
         return problems
 
-    def plug_and_watch(self, name, then=0.4):
-        self._until_mark = self.daemon.log.mark()
-        self.plug(name)
-        self.handled(then)
-
-    def unplug_and_watch(self, name, then=0.4):
-        self._until_mark = self.daemon.log.mark()
-        self.unplug(name)
-        self.handled(then)
 
 
 # -- the story -------------------------------------------------------------------------------
@@ -596,8 +602,7 @@ def demo(tv):
     tv.start_service()
     tv.start_monitor()
     say('tv', 'with no USB audio device the service looks for one for ten seconds')
-    tv.settle_until('No devices found.', 15)
-    tv.settle(1.2)  # the gamepad library is asked a second after the start-up enumeration
+    tv.follow_startup_enumeration()
 
     scene('Devices that are not for the TV sound')
     tv.plug_and_watch('webcam')
@@ -866,8 +871,7 @@ def run(tv):
     tv.start_service()
     tv.timeline.say('tv', 'the service looks for USB audio devices present at start-up '
                           '(ten seconds when there is none)')
-    tv.settle_until('No devices found.', 15)
-    tv.settle(1.2)  # the gamepad library is asked a second later
+    tv.follow_startup_enumeration()
     print(f'\nThe service runs. To reach it from another shell:\n'
           f'  {tv.reach_me()}\n'
           f'  {paths.program("hadrixctl")} devices\n\n'
