@@ -286,7 +286,7 @@ OrgNimbosHadrixServerInterface *CUSBAPIServer::m_RefSkeleton()
 
 void CUSBAPIServer::m_ReleaseSkeleton()
 {
-    UniqueHandle<OrgNimbosHadrixServerInterface, g_object_unref> skeleton;
+    SkeletonPtr skeleton;
     {
         std::lock_guard<std::mutex> lock(m_SkeletonMutex);
         skeleton = std::move(m_pSkeleton);

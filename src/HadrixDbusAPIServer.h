@@ -15,6 +15,7 @@
 #include <gio/gio.h>
 
 #include "Singleton.h"
+#include "SystemBus.h"
 #include "UniqueHandle.h"
 #include "hadrix-server-gen.h"
 
@@ -87,10 +88,11 @@ private:
     // The introspection data, the connection the object is registered on and its registration
     // live as long as the listener thread runs.
     UniqueHandle<GDBusNodeInfo, g_dbus_node_info_unref> m_pNodeInfo;
-    UniqueHandle<GDBusConnection, g_object_unref> m_pConnection;
+    hadrix::ConnectionPtr m_pConnection;
     guint m_nRegisterId = 0;
 
+    using SkeletonPtr = UniqueHandle<OrgNimbosHadrixServerInterface, g_object_unref>;
     // Written by the listener thread, read by m_SendEventToClient on the main loop.
     std::mutex m_SkeletonMutex;
-    UniqueHandle<OrgNimbosHadrixServerInterface, g_object_unref> m_pSkeleton;
+    SkeletonPtr m_pSkeleton;
 };

@@ -4,6 +4,7 @@
 #include "nimbos/app.h"
 
 #include "HostLog.h"
+#include "PlatformService.h"
 #include "SourcePtr.h"
 #include "UniqueHandle.h"
 
@@ -216,7 +217,7 @@ public:
     AppControlExport &operator=(const AppControlExport &) = delete;
 
 private:
-    UniqueHandle<GDBusConnection, g_object_unref> bus_;
+    nimbos::ConnectionRef bus_;
     guint registration_ = 0;
     guint filter_ = 0;
     guint owner_ = 0;
