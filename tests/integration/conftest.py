@@ -34,9 +34,6 @@ _reporters = pytest.StashKey[list]()
 # Tests that may be skipped, by node id, each with the reason. Any other skip fails the run: a
 # test that silently does not run proves nothing.
 ALLOWED_SKIPS = {
-    'test_packaging.py::test_udev_rule_passes_udevadm_verify':
-        'udevadm verify comes with udev 254; Debian 12 has 252 (the rule is still checked by '
-        'test_udev_rule_starts_the_service_for_usb_sound_cards)',
     'test_packaging.py::test_policy_lets_only_root_own_the_names_and_anyone_call_the_api':
         'the policy gives the names to root: only a run as root can own them and drop to nobody',
 }
