@@ -1,5 +1,5 @@
 """What the benchmarks of the running service (B2–B5) share: the world of the integration tests
-(sim/simtv) put together once per benchmark run, the programs of bench/, and
+(tools/tvsim/simtv) put together once per benchmark run, the programs of bench/, and
 how figures are printed.
 
 Run a benchmark with Debian's Python under the umockdev preload, as the integration tests:
@@ -16,7 +16,7 @@ import tempfile
 from pathlib import Path
 
 sys.dont_write_bytecode = True  # the source tree may be read-only
-sys.path.insert(0, str(Path(__file__).resolve().parents[1] / 'sim'))
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / 'tools' / 'tvsim'))
 
 from simtv import paths  # noqa: E402
 from simtv.bus import Mocks, SystemBus  # noqa: E402

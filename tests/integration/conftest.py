@@ -9,8 +9,8 @@ import sys
 from pathlib import Path
 
 sys.dont_write_bytecode = True  # the source tree may be read-only
-# The simulated TV platform (sim/simtv) the programs run on.
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / 'sim'))
+# The simulated TV platform (tools/tvsim/simtv) the programs run on.
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / 'tools' / 'tvsim'))
 
 import pytest  # noqa: E402
 

@@ -28,23 +28,20 @@ from pathlib import Path
 
 import dbus
 
-REPO = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(REPO / 'sim'))
-
-# The simulated platform must be importable before these lines run.
-from simtv import paths  # noqa: E402
-from simtv.bus import MockService, SystemBus  # noqa: E402
-from simtv.daemon import Launcher  # noqa: E402
-from simtv.devices import CATALOGUE, plug  # noqa: E402
-from simtv.env import ChildEnv  # noqa: E402
-from simtv.klog import KernelLog  # noqa: E402
-from simtv.locales import MissingLocales, compile_locales  # noqa: E402
-from simtv.notify import NotifySocket  # noqa: E402
-from simtv.observer import SignalObserver  # noqa: E402
-from simtv.platform import PlatformServices  # noqa: E402
-from simtv.root import HadrixRoot  # noqa: E402
-from simtv.testbed import NotMocked, Testbed  # noqa: E402
-from simtv.wait import WaitTimeout  # noqa: E402
+# The simulated platform is the package beside this script.
+from simtv import paths
+from simtv.bus import MockService, SystemBus
+from simtv.daemon import Launcher
+from simtv.devices import CATALOGUE, plug
+from simtv.env import ChildEnv
+from simtv.klog import KernelLog
+from simtv.locales import MissingLocales, compile_locales
+from simtv.notify import NotifySocket
+from simtv.observer import SignalObserver
+from simtv.platform import PlatformServices
+from simtv.root import HadrixRoot
+from simtv.testbed import NotMocked, Testbed
+from simtv.wait import WaitTimeout
 
 SERVICE_BUS_NAME = 'org.nimbos.hadrix'
 REMOTE = 'rc device 0'

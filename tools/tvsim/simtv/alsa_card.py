@@ -9,7 +9,7 @@ device that stops answering.
 
 The ioctl numbers and structure layouts come from the build: the `alsa-abi` target compiles a
 small C program against this machine's <sound/asound.h> that writes them to
-<build>/sim/alsa_abi.json.
+<build>/tools/tvsim/alsa_abi.json.
 """
 import errno
 import json
@@ -26,7 +26,7 @@ from gi.repository import UMockdev  # noqa: E402
 
 from . import paths  # noqa: E402
 
-ABI_FILE = 'sim/alsa_abi.json'
+ABI_FILE = 'tools/tvsim/alsa_abi.json'
 
 
 class Abi:

@@ -1,6 +1,6 @@
 """The kernel log the service reads, written by the test in the TV's time-stamp format.
 
-The daemon runs with the klogctl shim preloaded (sim/shims), which serves this file as the
+The daemon runs with the klogctl shim preloaded (tools/tvsim/shims), which serves this file as the
 kernel's ring buffer and reads it again on every call, so a test appends the lines a device
 would cause before it plugs the device.
 

@@ -5,8 +5,9 @@ import shutil
 import tempfile
 from pathlib import Path
 
-REPO = Path(__file__).resolve().parents[2]
-TEMPLATES = REPO / 'sim' / 'templates'
+SIMULATOR = Path(__file__).resolve().parents[1]
+REPO = SIMULATOR.parents[1]
+TEMPLATES = SIMULATOR / 'templates'
 
 # Programs of the build, by name, relative to the build directory.
 PROGRAMS = {
@@ -14,7 +15,7 @@ PROGRAMS = {
     'hadrix-settings': 'tools/hadrix-settings',
     'hadrixctl': 'tools/hadrixctl',
     'hadrix-probe': 'tests/integration/hadrix-probe',
-    'hadrix-klog-shim': 'sim/shims/libhadrix-klog-shim.so',
+    'hadrix-klog-shim': 'tools/tvsim/shims/libhadrix-klog-shim.so',
 }
 
 # The application files of the build, laid out as under HADRIX_ROOT.
@@ -68,7 +69,7 @@ def app_files():
 
 
 def template(name):
-    """Path of a mock template module in sim/templates."""
+    """Path of a mock template module in templates/ beside simtv/."""
     path = TEMPLATES / f'{name}.py'
     if not path.is_file():
         raise FileNotFoundError(f'no mock template {path}')
