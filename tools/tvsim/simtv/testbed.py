@@ -170,22 +170,6 @@ A: dev={USB_DEVICE_MAJOR}:{(bus - 1) * 128 + devnum - 1}
 ''')
         return '/sys' + _usb_device_path(port)
 
-    def add_onboard_card(self, card=0, card_id='PCH'):
-        """Adds an initialised sound card on a PCI audio controller (no USB device above it);
-        returns the card's /sys path."""
-        card_path = f'/devices/pci0000:00/0000:00:1f.3/sound/card{card}'
-        self._bed.add_from_string(f'''P: /devices/pci0000:00/0000:00:1f.3
-E: SUBSYSTEM=pci
-E: PCI_CLASS=40300
-A: class=0x040300
-
-P: {card_path}
-E: SUBSYSTEM=sound
-{INITIALIZED_LINE}A: id={card_id}
-A: number={card}
-''')
-        return '/sys' + card_path
-
     def add_joystick(self, vendor, product, name, port='1-7', number=5):
         """Adds the input device of a gamepad on USB port `port` (its HID interface, 3) as udev
         describes it: `inputN` with an event node below, both marked ID_INPUT_JOYSTICK=1 and
