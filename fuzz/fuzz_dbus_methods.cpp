@@ -13,14 +13,15 @@
 #include <string>
 
 #include "FuzzEnvironment.h"
+#include "HadrixBusNames.h"
 #include "HadrixDbusAPIServer.h"
 #include "HadrixDeviceListInfo.h"
 
 namespace {
 
-constexpr char kBusName[] = "org.nimbos.hadrix.server";
-constexpr char kInterface[] = "org.nimbos.hadrix.server.interface";
-constexpr const char *kPaths[] = {"/org/nimbos/tv/hadrix/server", "/org/nimbos/hadrex"};
+using namespace hadrix::api;
+
+constexpr const char *kPaths[] = {kObjectPath, kSignalPath};
 constexpr int kCallTimeoutMs = 20000;
 
 struct Method {
@@ -28,10 +29,10 @@ struct Method {
     const char *signature;
 };
 constexpr Method kMethods[] = {
-    {"check_dbus_connection", "(s)"},
-    {"SubscribeHadrixServiceCallback", "(s)"},
-    {"UnSubscribeHadrixServiceCallback", "(s)"},
-    {"GetDeviceListInfo", "(i)"},
+    {kCheckDbusConnection, "(s)"},
+    {kSubscribe, "(s)"},
+    {kUnsubscribe, "(s)"},
+    {kGetDeviceListInfo, "(i)"},
     {"NoSuchMethod", "(s)"},
 };
 constexpr const char *kOtherSignatures[] = {"()", "(s)", "(i)", "(ay)", "(ss)", "(u)", "(a{sv})", "(si)"};
@@ -92,7 +93,7 @@ GVariant *Call(const char *path, const char *method, GVariant *arguments, GError
 
 void CheckReply(const Method &method, GVariant *arguments, GVariant *reply)
 {
-    if (strcmp(method.name, "GetDeviceListInfo") == 0) {
+    if (strcmp(method.name, kGetDeviceListInfo) == 0) {
         FUZZ_CHECK(g_variant_is_of_type(reply, G_VARIANT_TYPE("(ay)")));
         g_autoptr(GVariant) bytes = g_variant_get_child_value(reply, 0);
         FUZZ_CHECK(g_variant_get_size(bytes) % sizeof(HadrixDeviceRecord_t) == 0);
@@ -154,8 +155,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         CheckReply(method, arguments, reply);
 
     // Keep the subscriber table small: a name subscribed is unsubscribed again.
-    if (reply && strcmp(method.name, "SubscribeHadrixServiceCallback") == 0) {
-        g_autoptr(GVariant) done = Call(path, "UnSubscribeHadrixServiceCallback", arguments, nullptr);
+    if (reply && strcmp(method.name, kSubscribe) == 0) {
+        g_autoptr(GVariant) done = Call(path, kUnsubscribe, arguments, nullptr);
         FUZZ_CHECK(done != nullptr);
     }
     return 0;

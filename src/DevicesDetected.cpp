@@ -34,8 +34,7 @@ DevicesDetected::~DevicesDetected()
 {
     // The pending save would run on a destroyed list; a released list is not saved.
     std::lock_guard<std::mutex> lock(m_Mutex);
-    if (m_SerializeTimerId)
-        g_source_remove(m_SerializeTimerId);
+    m_SerializeTimerId.Stop();
 }
 
 void DevicesDetected::AddDevice(const USBDeviceInfo &info)
@@ -144,9 +143,7 @@ std::vector<USBDeviceInfo>::iterator DevicesDetected::m_Find(const std::string &
 
 void DevicesDetected::m_Serialize()
 {
-    if (m_SerializeTimerId)
-        g_source_remove(m_SerializeTimerId);
-    m_SerializeTimerId = g_timeout_add(kSerializeDelayMs, m_OnSerializeTimer, this);
+    m_SerializeTimerId.Start(kSerializeDelayMs, m_OnSerializeTimer, this);
 }
 
 gboolean DevicesDetected::m_OnSerializeTimer(gpointer user)
@@ -159,12 +156,10 @@ gboolean DevicesDetected::m_OnSerializeTimer(gpointer user)
     }
 
     std::lock_guard<std::mutex> lock(self->m_Mutex);
-    // A change on another thread may have replaced this timer while it waited for the lock; the
-    // replacement saves the newer list, and its id must stay.
-    GSource *current = g_main_current_source();
-    if (current && g_source_is_destroyed(current))
+    // A change on another thread may have armed the timer again while this callback waited for
+    // the lock; the new timeout saves the newer list.
+    if (!self->m_SerializeTimerId.IsFiring())
         return G_SOURCE_REMOVE;
-    self->m_SerializeTimerId = 0;
 
     std::string text = self->m_ToJson();
     CLocalFileData::GetInstance()->WriteToFile(DEVICES_DEPOT_FILE, text.c_str(), text.size());

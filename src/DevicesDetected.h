@@ -11,6 +11,7 @@
 #include <glib.h>
 
 #include "Singleton.h"
+#include "Timer.h"
 #include "USBDeviceInfo.h"
 
 class DevicesDetected : public CSingleton<DevicesDetected> {
@@ -51,6 +52,6 @@ private:
     std::string m_ToJson() const;
 
     std::vector<USBDeviceInfo> m_Devices;
-    guint m_SerializeTimerId = 0; // 0 when no save is pending
-    std::mutex m_Mutex;           // guards m_Devices and m_SerializeTimerId; not recursive
+    CTimer m_SerializeTimerId; // the pending save
+    std::mutex m_Mutex;        // guards m_Devices and the arming of the save; not recursive
 };

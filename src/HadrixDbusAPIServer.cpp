@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <system_error>
 
+#include "HadrixBusNames.h"
 #include "HadrixDeviceListInfo.h"
 #include "LocalFileData.h"
 #include "Log.h"
@@ -17,40 +18,78 @@
 
 namespace {
 
-constexpr char kBusName[] = "org.nimbos.hadrix.server";
-constexpr char kObjectPath[] = "/org/nimbos/tv/hadrix/server";
-constexpr char kSkeletonPath[] = "/org/nimbos/hadrex";
+using namespace hadrix::api;
+
 constexpr char kSubscriberFile[] = "hadrix/data/.subscriber";
 
-constexpr char kCheckDbusConnection[] = "check_dbus_connection";
-constexpr char kSubscribe[] = "SubscribeHadrixServiceCallback";
-constexpr char kUnsubscribe[] = "UnSubscribeHadrixServiceCallback";
-constexpr char kGetDeviceListInfo[] = "GetDeviceListInfo";
+// Copies of the generated introspection data, without the code generator's annotations, which
+// are not part of the interface that clients see: every annotation list is left empty, as in
+// data parsed from introspection text without annotations.
+GDBusAnnotationInfo **NoAnnotations()
+{
+    return g_new0(GDBusAnnotationInfo *, 1);
+}
 
-constexpr char kIntrospectionXml[] =
-    "<node>"
-    "  <interface name='org.nimbos.hadrix.server.interface'>"
-    "    <method name='check_dbus_connection'>"
-    "      <arg type='s' name='proname' direction='in'/>"
-    "      <arg type='s' name='result' direction='out'/>"
-    "    </method>"
-    "    <method name='SubscribeHadrixServiceCallback'>"
-    "      <arg type='s' name='proname' direction='in'/>"
-    "      <arg type='s' name='result' direction='out'/>"
-    "    </method>"
-    "    <method name='UnSubscribeHadrixServiceCallback'>"
-    "      <arg type='s' name='proname' direction='in'/>"
-    "      <arg type='s' name='result' direction='out'/>"
-    "    </method>"
-    "    <method name='GetDeviceListInfo'>"
-    "      <arg type='i' name='value' direction='in'/>"
-    "      <arg type='ay' name='result' direction='out'/>"
-    "    </method>"
-    "    <signal name='Notify_client_message'>"
-    "      <arg type='a{ii}' name='message_array'/>"
-    "    </signal>"
-    "  </interface>"
-    "</node>";
+GDBusArgInfo **CopyArgs(GDBusArgInfo **args)
+{
+    if (!args)
+        return nullptr;
+    const guint count = g_strv_length(reinterpret_cast<gchar **>(args));
+    auto **copies = g_new0(GDBusArgInfo *, count + 1);
+    for (guint i = 0; i < count; ++i) {
+        copies[i] = g_new0(GDBusArgInfo, 1);
+        copies[i]->ref_count = 1;
+        copies[i]->name = g_strdup(args[i]->name);
+        copies[i]->signature = g_strdup(args[i]->signature);
+        copies[i]->annotations = NoAnnotations();
+    }
+    return copies;
+}
+
+template <typename Info, typename Copy>
+Info **CopyMembers(Info **members, Copy copy)
+{
+    const guint count = members ? g_strv_length(reinterpret_cast<gchar **>(members)) : 0;
+    auto **copies = g_new0(Info *, count + 1);
+    guint kept = 0;
+    for (guint i = 0; i < count; ++i) {
+        if (Info *member = copy(members[i]))
+            copies[kept++] = member;
+    }
+    return copies;
+}
+
+// The interface of the object that serves the methods: the one src/dbus/hadrix-server.xml
+// describes, less the integer signal that only the generated skeleton carries.
+GDBusInterfaceInfo *NewServedInterfaceInfo()
+{
+    const GDBusInterfaceInfo *generated = org_nimbos_hadrix_server_interface_interface_info();
+    auto *info = g_new0(GDBusInterfaceInfo, 1);
+    info->ref_count = 1;
+    info->name = g_strdup(generated->name);
+    info->methods = CopyMembers(generated->methods, [](GDBusMethodInfo *method) {
+        auto *copy = g_new0(GDBusMethodInfo, 1);
+        copy->ref_count = 1;
+        copy->name = g_strdup(method->name);
+        copy->in_args = CopyArgs(method->in_args);
+        copy->out_args = CopyArgs(method->out_args);
+        copy->annotations = NoAnnotations();
+        return copy;
+    });
+    info->signals = CopyMembers(generated->signals, [](GDBusSignalInfo *signal) -> GDBusSignalInfo * {
+        if (g_strcmp0(signal->name, kSendMessage) == 0)
+            return nullptr;
+        auto *copy = g_new0(GDBusSignalInfo, 1);
+        copy->ref_count = 1;
+        copy->name = g_strdup(signal->name);
+        copy->args = CopyArgs(signal->args);
+        copy->annotations = NoAnnotations();
+        return copy;
+    });
+    info->properties = g_new0(GDBusPropertyInfo *, 1);
+    info->annotations = NoAnnotations();
+    return info;
+}
 
 // The broadcast carries no information of its own: its arrival is the news.
 constexpr gint32 kPlaceholderKey = 123;
@@ -171,14 +210,7 @@ void *CUSBAPIServer::m_Listener(void *data)
     g_autoptr(GMainContext) context = g_main_context_new();
     g_main_context_push_thread_default(context);
 
-    g_autoptr(GError) error = nullptr;
-    self->m_pNodeInfo.reset(g_dbus_node_info_new_for_xml(kIntrospectionXml, &error));
-    if (!self->m_pNodeInfo) {
-        LOGE("introspection data cannot be parsed: %s", error->message);
-        g_main_context_pop_thread_default(context);
-        return nullptr;
-    }
-
+    self->m_pInterfaceInfo.reset(NewServedInterfaceInfo());
     const guint ownerId = g_bus_own_name(G_BUS_TYPE_SYSTEM, kBusName, G_BUS_NAME_OWNER_FLAGS_NONE,
                                          m_OnBusAcquired, m_OnNameAcquired, m_OnNameLost, self,
                                          nullptr);
@@ -197,7 +229,7 @@ void *CUSBAPIServer::m_Listener(void *data)
         self->m_nRegisterId = 0;
     }
     self->m_pConnection.reset();
-    self->m_pNodeInfo.reset();
+    self->m_pInterfaceInfo.reset();
     g_main_context_pop_thread_default(context);
     return nullptr;
 }
@@ -229,7 +261,7 @@ void CUSBAPIServer::m_OnBusAcquired(GDBusConnection *connection, const gchar *, 
     }
     g_autoptr(GError) error = nullptr;
     self->m_nRegisterId = g_dbus_connection_register_object(
-        connection, kObjectPath, self->m_pNodeInfo->interfaces[0], &self->m_InterfaceVTable, self,
+        connection, kObjectPath, self->m_pInterfaceInfo.get(), &self->m_InterfaceVTable, self,
         nullptr, &error);
     if (error) {
         LOGE("NULL != pError");
@@ -261,7 +293,7 @@ void CUSBAPIServer::m_ExportSkeleton(GDBusConnection *connection)
     }
     g_autoptr(GError) error = nullptr;
     if (g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton), connection,
-                                         kSkeletonPath, &error))
+                                         kSignalPath, &error))
         LOGI("g_dbus_interface_skeleton_export success\n");
     else
         LOGE("g_dbus_interface_skeleton_export fail\n");

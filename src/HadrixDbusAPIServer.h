@@ -85,9 +85,9 @@ private:
     GMainContext *m_pContext = nullptr;
     GMainLoop *m_pMainLoop = nullptr;
     bool m_bStopping = false;
-    // The introspection data, the connection the object is registered on and its registration
-    // live as long as the listener thread runs.
-    UniqueHandle<GDBusNodeInfo, g_dbus_node_info_unref> m_pNodeInfo;
+    // The served interface, the connection the object is registered on and its registration live
+    // as long as the listener thread runs.
+    UniqueHandle<GDBusInterfaceInfo, g_dbus_interface_info_unref> m_pInterfaceInfo;
     hadrix::ConnectionPtr m_pConnection;
     guint m_nRegisterId = 0;
 

@@ -8,6 +8,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "Clock.h"
 #include "Log.h"
 #include "nimbos/app.h"
 #include "nimbos/system_info.h"
@@ -192,10 +193,7 @@ bool CUsbServiceUtil::RemoveVconfChangedCb(int index, vconf_callback_fn cb)
 
 void CUsbServiceUtil::Wait(unsigned long ms)
 {
-    timespec remaining{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
-    // A signal cuts the sleep short; sleep on for what is left.
-    while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
-    }
+    CClock::Get().Sleep(ms);
 }
 
 int CUsbServiceUtil::CallShellCmd(const std::string &cmd)
@@ -208,10 +206,7 @@ int CUsbServiceUtil::CallShellCmd(const std::string &cmd)
 
 uint32_t CUsbServiceUtil::GetUptime()
 {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    uint64_t ms = static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec) / 1000000u;
-    return static_cast<uint32_t>(ms);
+    return static_cast<uint32_t>(CClock::Get().NowMs());
 }
 
 uint32_t CUsbServiceUtil::GetCurrentTimeStamp()

@@ -7,7 +7,6 @@
 #include "LocalFileData.h"
 #include "Log.h"
 #include "MultiviewHandler.h"
-#include "USBDevice.h"
 #include "nimbos/keyrouter.h"
 
 namespace {
@@ -65,7 +64,14 @@ CLocalFileData *Stored()
     return CSingleton<CLocalFileData>::GetInstance();
 }
 
+CKeyHandler::Links g_links;
+
 } // namespace
+
+void CKeyHandler::SetLinks(Links links)
+{
+    g_links = std::move(links);
+}
 
 CKeyHandler::CKeyHandler()
 {
@@ -82,10 +88,7 @@ CKeyHandler::~CKeyHandler()
     CUsbServiceUtil::RemoveVconfChangedCb(VCONF_KEY_ACCESSIBILITY_TTS, OnTTSEnalbedChanged);
     // The deferred release would run on a destroyed handler: release at once instead.
     std::lock_guard<std::mutex> lock(m_Mutex);
-    if (m_RouterTimerId != 0) {
-        g_source_remove(m_RouterTimerId);
-        m_RouterTimerId = 0;
-    }
+    m_RouterTimerId.Stop();
     if (m_pKeyDownHandler || m_pKeyUpHandler)
         m_UnGrabKey(kVolumeKeys);
 }
@@ -194,32 +197,18 @@ void CKeyHandler::UngrabVolumeKey()
 // other way round) is dropped, so the router never ends up in the older state.
 void CKeyHandler::m_ScheduleRouterChange(GSourceFunc change)
 {
-    if (m_RouterTimerId != 0)
-        g_source_remove(m_RouterTimerId);
-    m_RouterTimerId = g_timeout_add(0, change, this);
-}
-
-void CKeyHandler::m_EndRouterChange()
-{
-    std::lock_guard<std::mutex> lock(m_Mutex);
-    GSource *current = g_main_current_source();
-    if (current && g_source_get_id(current) == m_RouterTimerId)
-        m_RouterTimerId = 0;
+    m_RouterTimerId.Start(0, change, this);
 }
 
 gboolean CKeyHandler::m_OnTimeoutGrabKey(gpointer data)
 {
-    auto *self = static_cast<CKeyHandler *>(data);
-    self->m_EndRouterChange();
-    self->m_GrabKey(kVolumeKeys, kGrabMode);
+    static_cast<CKeyHandler *>(data)->m_GrabKey(kVolumeKeys, kGrabMode);
     return G_SOURCE_REMOVE;
 }
 
 gboolean CKeyHandler::m_OnTimeoutUnGrabKey(gpointer data)
 {
-    auto *self = static_cast<CKeyHandler *>(data);
-    self->m_EndRouterChange();
-    self->m_UnGrabKey(kVolumeKeys);
+    static_cast<CKeyHandler *>(data)->m_UnGrabKey(kVolumeKeys);
     return G_SOURCE_REMOVE;
 }
 
@@ -375,7 +364,7 @@ KeyDeviceClass CKeyHandler::m_CheckdeviceInfo(const ecore_event_key_s *key)
     }
     LOGD("Key press from device name :[%s]", key->device->name);
     return CKeyLevels::ClassifyDevice(key->device->name, [](const std::string &name) {
-        return CSingleton<CUSBDevice>::GetInstance()->CheckWhetherUsbDevice(name);
+        return g_links.isUsbDevice && g_links.isUsbDevice(name);
     });
 }
 
@@ -576,7 +565,7 @@ void CKeyHandler::SendCmdToTvViewer(const std::string &cmd, const std::string &v
     LOGD("SendCmdToTvViewer cmd:[%s],value:[%s]", cmd.c_str(), value.c_str());
     ExtraData extraData = {{"cmd", cmd}, {"value", value}};
     if (cmd == kCmdUpDown) {
-        const std::string speaker = CSingleton<CUSBDevice>::GetInstance()->GetDeviceInfoForOSD();
+        const std::string speaker = g_links.osdName ? g_links.osdName() : std::string();
         LOGD("extraData add speaker_name :[%s]", speaker.c_str());
         extraData.emplace_back("speaker_name", speaker);
         extraData.emplace_back("tts_content", speaker + value);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -11,6 +12,7 @@
 
 #include "KeyLevels.h"
 #include "Singleton.h"
+#include "Timer.h"
 #include "nimbos/events.h"
 #include "nimbos/settings.h"
 
@@ -25,6 +27,15 @@ class CKeyHandler : public CSingleton<CKeyHandler> {
 
 public:
     using KeyCallback = void (*)(int, int, void *);
+
+    // What the handler asks of the attached USB devices; set once at start-up.
+    struct Links {
+        // Whether a key device's name names an attached USB audio device.
+        std::function<bool(const std::string &deviceName)> isUsbDevice;
+        // The on-screen name of the devices that carry the sound.
+        std::function<std::string()> osdName;
+    };
+    static void SetLinks(Links links);
 
     // Releases the keys if they are grabbed.
     ~CKeyHandler() override;
@@ -52,7 +63,6 @@ private:
     void m_DeleteKeyEventHandlers();
     // Replaces the pending grab or release at the router; called with m_Mutex held.
     void m_ScheduleRouterChange(GSourceFunc change);
-    void m_EndRouterChange();
     static gboolean m_OnTimeoutGrabKey(gpointer data);
     static gboolean m_OnTimeoutUnGrabKey(gpointer data);
     static void t_VconfCBOfEmanualLearnTvRemote(keynode_t *node, void *data);
@@ -92,8 +102,8 @@ private:
     vconf_callback_fn m_pVolumeEventCb = nullptr;
     void *m_pUserData = nullptr;
     bool m_bGrabbed = false;
-    // The pending 0 ms grab or release at the router; 0 when none is pending.
-    guint m_RouterTimerId = 0;
+    // The pending 0 ms grab or release at the router.
+    CTimer m_RouterTimerId;
     // Pending press and release jobs with the key names they handle; under m_Mutex, since a
     // release of the keys from another thread cancels them.
     ecore_job_s *m_pPressJob = nullptr;

@@ -8,7 +8,6 @@
 #include "HadrixUtil.h"
 #include "LocalFileData.h"
 #include "Log.h"
-#include "USBHeadsetMgr.h"
 #include "nimbos/zones.h"
 #include "UniqueHandle.h"
 
@@ -19,6 +18,8 @@ constexpr char kUiModeOn[] = "on";
 constexpr char kVolumeInfoKey[] = "memory/multiscreen/volumeinfo_usbheadset";
 
 using ZoneListPtr = UniqueHandle<rc_zone_list_s, rc_free_zone_list>;
+
+CMultiviewHandler::Links g_links;
 
 // The comparison is exact: any other spelling, or an unreadable key, means multiview is off.
 bool ReadMultiviewOn()
@@ -73,6 +74,11 @@ bool PublishVolumeInfo(bool mute, const Json::Value &volumeLevel)
 }
 
 } // namespace
+
+void CMultiviewHandler::SetLinks(Links links)
+{
+    g_links = std::move(links);
+}
 
 CMultiviewHandler::CMultiviewHandler() : m_bMultiviewOn(ReadMultiviewOn())
 {
@@ -156,8 +162,8 @@ void CMultiviewHandler::m_OnMultiViewChangeCb(keynode_t *, void *user_data)
     const bool on = ReadMultiviewOn();
     LOGI("multiview on : %d", on);
     self->m_bMultiviewOn.store(on);
-    if (on)
-        CSingleton<CUSBHeadsetMgr>::GetInstance()->InitVolumeOnMultiViewEnabled();
+    if (on && g_links.multiviewEnabled)
+        g_links.multiviewEnabled();
 }
 
 void CMultiviewHandler::m_OnMultiViewerSpeakerChangeCb(sound_tv_output_route_e route, int zone, void *data)
@@ -172,5 +178,6 @@ void CMultiviewHandler::m_OnMultiViewerSpeakerChangeCb(sound_tv_output_route_e r
         LOGI("multiview off, return");
         return;
     }
-    CSingleton<CUSBHeadsetMgr>::GetInstance()->HandleMultiViewSpeakerChange(route);
+    if (g_links.speakerChanged)
+        g_links.speakerChanged(route);
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 
 #include "Singleton.h"
 #include "nimbos/settings.h"
@@ -22,6 +23,15 @@ class CMultiviewHandler : public CSingleton<CMultiviewHandler>, public IVolumeCo
     friend class CSingleton<CMultiviewHandler>;
 
 public:
+    // What the handler tells the service around it; set once at start-up.
+    struct Links {
+        // Multiview was switched on.
+        std::function<void()> multiviewEnabled;
+        // The multiview speaker route changed while multiview is on.
+        std::function<void(sound_tv_output_route_e)> speakerChanged;
+    };
+    static void SetLinks(Links links);
+
     ~CMultiviewHandler() override;
     bool SetMute(bool mute) override;
     bool SetVolumeLevel(int level) override;

@@ -6,7 +6,6 @@
 #include "DMesgAnalysis.h"
 #include "DevicesDepot.h"
 #include "DevicesDetected.h"
-#include "HadrixDbusAPIServer.h"
 #include "HadrixUtil.h"
 #include "KPILog.h"
 #include "LocalFileData.h"
@@ -14,7 +13,6 @@
 #include "NotificationPopup.h"
 #include "PulseAudioHandler.h"
 #include "SpeakerManagerHandler.h"
-#include "USBHeadsetMgr.h"
 #include "UsbMixer.h"
 #include "UniqueHandle.h"
 #include "UsbOutputChoice.h"
@@ -36,15 +34,10 @@ constexpr char kUsbDeviceTableCopy[] = "/tmp/usb_devices_uptime_";
 
 using DeviceListPtr = UniqueHandle<usb_device_list_s, usb_device_free_device_list>;
 
-// The record of a device as the enumeration library describes it; status idle, stamped now.
-USBDeviceInfo MakeRecord(usb_device_s *dev, int card)
+// The record of a device as the enumeration library described it; status idle, stamped now.
+USBDeviceInfo MakeRecord(const UsbDeviceProperties &device, int card)
 {
-    USBDeviceInfo info;
-    info.strProductName = TextOrEmpty(usb_device_get_product(dev));
-    info.nVendorId = usb_device_get_vendor_id(dev);
-    info.nProductId = usb_device_get_product_id(dev);
-    info.strDevPath = TextOrEmpty(usb_device_get_devpath(dev));
-    info.strManufature = TextOrEmpty(usb_device_get_manufacturer(dev));
+    USBDeviceInfo info = device.info;
     info.nCardNum = card;
     info.timeStamp = CUsbServiceUtil::GetUptime();
     return info;
@@ -82,7 +75,14 @@ void ParseKernelLog(GTask *task, gpointer, gpointer taskData, GCancellable *)
     g_task_return_boolean(task, TRUE);
 }
 
+CUSBDevice::Links g_links;
+
 } // namespace
+
+void CUSBDevice::SetLinks(Links links)
+{
+    g_links = std::move(links);
+}
 
 CUSBDevice::CUSBDevice()
 {
@@ -93,9 +93,6 @@ CUSBDevice::~CUSBDevice()
 {
     LOGD("~CUSBDevice");
     m_AbandonInitParse();
-    for (guint *id : {&m_RestVolumeTimerId, &m_DelayLeaveUSBModeTimerId, &m_USBStateCheckTimerId,
-                      &m_DelayQuitTimerId, &m_InitRetryTimerId, &m_RegisterGamepadTimerId})
-        m_RemoveTimer(*id);
     if (m_GamepadCbRegistered)
         gamepad_unregister_connection_callback();
 }
@@ -103,36 +100,47 @@ CUSBDevice::~CUSBDevice()
 void CUSBDevice::InitFromBoot()
 {
     LOGI("[START]");
-    m_StartInit(InitKind::Boot, true, false);
+    m_StartInit(Enumeration::Kind::Boot, true, false);
 }
 
 void CUSBDevice::InitFromStandby()
 {
     LOGI("[START]");
-    m_StartInit(InitKind::Standby, CSingleton<CUSBHeadsetMgr>::GetInstance()->IsResumeFromDeepStandby(), true);
+    m_StartInit(Enumeration::Kind::Standby, m_ResumedFromDeepStandby, true);
+}
+
+void CUSBDevice::SetResumedFromDeepStandby(bool deep)
+{
+    m_ResumedFromDeepStandby = deep;
+}
+
+bool CUSBDevice::IsEnumerating() const
+{
+    return m_Enumeration.has_value();
 }
 
 // The kernel-log parse may retry for seconds when the log lacks what it looks for, so it runs on
 // a worker while the main loop goes on; the enumeration continues once it is done.
-void CUSBDevice::m_StartInit(InitKind kind, bool parse, bool forceParse)
+void CUSBDevice::m_StartInit(Enumeration::Kind kind, bool parse, bool forceParse)
 {
-    m_InitKind = kind;
+    m_AbandonInitParse();
+    m_Enumeration.emplace();
+    m_Enumeration->kind = kind;
     if (!parse) {
         m_AfterInitParse();
         return;
     }
-    m_AbandonInitParse();
-    m_InitCancellable.reset(g_cancellable_new());
-    g_autoptr(GTask) task = g_task_new(nullptr, m_InitCancellable.get(), m_OnInitParseDone, this);
+    m_Enumeration->parse.reset(g_cancellable_new());
+    g_autoptr(GTask) task = g_task_new(nullptr, m_Enumeration->parse.get(), m_OnInitParseDone, this);
     g_task_set_task_data(task, GINT_TO_POINTER(forceParse ? 1 : 0), nullptr);
     g_task_run_in_thread(task, ParseKernelLog);
 }
 
 void CUSBDevice::m_AbandonInitParse()
 {
-    if (m_InitCancellable)
-        g_cancellable_cancel(m_InitCancellable.get());
-    m_InitCancellable.reset();
+    if (m_Enumeration && m_Enumeration->parse)
+        g_cancellable_cancel(m_Enumeration->parse.get());
+    m_Enumeration.reset();
 }
 
 void CUSBDevice::m_OnInitParseDone(GObject *, GAsyncResult *result, gpointer data)
@@ -145,20 +153,26 @@ void CUSBDevice::m_OnInitParseDone(GObject *, GAsyncResult *result, gpointer dat
 
 void CUSBDevice::m_AfterInitParse()
 {
-    if (m_InitKind == InitKind::Boot) {
-        m_RemoveTimer(m_RestVolumeTimerId);
-        m_RestVolumeTimerId = g_timeout_add(kRestVolumeDelayMs, m_RestVolumeTimerCb, this);
-        m_ArmGamepadRegistration(kBootGamepadDelayMs);
-        CLocalFileData *files = CSingleton<CLocalFileData>::GetInstance();
-        if (!files->IsUSBServiceRunning()) {
-            files->SetUSBServiceRunning();
-            LOGI("usb sound service first launch recover to unmute state...");
-            files->SetMuteState(false);
-        }
+    if (m_Enumeration->kind == Enumeration::Kind::Boot) {
+        m_RestVolumeTimerId.Start(kRestVolumeDelayMs, m_RestVolumeTimerCb, this);
+        m_RegisterGamepadTimerId.Start(kBootGamepadDelayMs, m_RegisterGamepadCb, this);
+        m_RecoverUnmuteOnFirstLaunch();
         m_MultiTryInitDevices(kBootInitTries);
     } else {
         m_MultiTryInitDevices(kStandbyInitTries);
     }
+}
+
+// Only the first start since power-on finds no running flag: the stored state goes back to
+// unmuted then.
+void CUSBDevice::m_RecoverUnmuteOnFirstLaunch()
+{
+    CLocalFileData *files = CSingleton<CLocalFileData>::GetInstance();
+    if (files->IsUSBServiceRunning())
+        return;
+    files->SetUSBServiceRunning();
+    LOGI("usb sound service first launch recover to unmute state...");
+    files->SetMuteState(false);
 }
 
 // Passes 1000 ms apart until one finds devices or the tries run out; the waits are main-loop
@@ -166,29 +180,27 @@ void CUSBDevice::m_AfterInitParse()
 void CUSBDevice::m_MultiTryInitDevices(int tries)
 {
     CSingleton<CDMesgAnalysis>::GetInstance();
-    m_InitTries = tries;
-    m_InitPass = 0;
+    m_Enumeration->tries = tries;
+    m_Enumeration->pass = 0;
     m_RunInitPass();
 }
 
 gboolean CUSBDevice::m_InitRetryTimerCb(gpointer data)
 {
-    auto *self = static_cast<CUSBDevice *>(data);
-    self->m_InitRetryTimerId = 0;
-    self->m_RunInitPass();
+    static_cast<CUSBDevice *>(data)->m_RunInitPass();
     return G_SOURCE_REMOVE;
 }
 
 void CUSBDevice::m_RunInitPass()
 {
-    ++m_InitPass;
-    LOGD("try to usb_device_list_get %d tail.", m_InitPass);
+    const int pass = ++m_Enumeration->pass;
+    LOGD("try to usb_device_list_get %d tail.", pass);
     const bool found = m_InitDevice();
-    if (found || m_InitPass >= m_InitTries) {
+    if (found || pass >= m_Enumeration->tries) {
         m_OnInitDevicesDone(found);
         return;
     }
-    m_InitRetryTimerId = g_timeout_add(kInitRetryMs, m_InitRetryTimerCb, this);
+    m_InitRetryTimerId.Start(kInitRetryMs, m_InitRetryTimerCb, this);
 }
 
 bool CUSBDevice::m_InitDevice()
@@ -239,22 +251,22 @@ int CUSBDevice::m_ForeachDeviceList(int count, usb_device_s *first, usb_device_l
 
 bool CUSBDevice::m_TakeEnumeratedDevice(usb_device_s *dev)
 {
-    if (usb_device_get_class(dev) != USB_DEVICE_CLASS_AUDIO)
+    const CUsbDeviceSnapshot snapshot(dev);
+    const UsbDeviceProperties &device = snapshot.Get();
+    if (device.usbClass != USB_DEVICE_CLASS_AUDIO)
         return false;
-    const std::string devPath = TextOrEmpty(usb_device_get_devpath(dev));
-    LOGD("devPath : %s, productId : %d, device NO.%d", devPath.c_str(), usb_device_get_product_id(dev),
-         usb_device_get_number(dev));
+    const std::string &devPath = device.info.strDevPath;
+    LOGD("devPath : %s, productId : %d, device NO.%d", devPath.c_str(), device.info.nProductId, device.number);
     int card = 0;
     if (!CUsbServiceUtil::GetCardNum(devPath, &card))
         return false;
     LOGD("cardNum : %d", card);
     if (!HasSoundNodes(card))
         return false;
-    USBDeviceInfo info = MakeRecord(dev, card);
+    USBDeviceInfo info = MakeRecord(device, card);
     if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId) || m_CheckGamepad(dev))
         return false;
     if (m_IsDeviceExist(devPath)) {
-        // A hot-plug event between two passes already recorded it.
         LOGD("device have been exist");
         return true;
     }
@@ -274,10 +286,14 @@ bool CUSBDevice::m_TakeEnumeratedDevice(usb_device_s *dev)
 
 void CUSBDevice::m_OnInitDevicesDone(bool found)
 {
-    if (m_InitKind == InitKind::Boot)
+    const Enumeration::Kind kind = m_Enumeration->kind;
+    m_Enumeration.reset();
+    if (kind == Enumeration::Kind::Boot)
         m_FinishBoot(found);
     else
         m_FinishStandby(found);
+    if (g_links.enumerationDone)
+        g_links.enumerationDone();
 }
 
 void CUSBDevice::m_FinishBoot(bool found)
@@ -295,7 +311,8 @@ void CUSBDevice::m_FinishBoot(bool found)
         LOGI("Not usb audio mode...");
         m_SwitchToUSBSpeakerIfPluggedByUser();
     }
-    CUSBAPIServer::m_SendEventToClient(nullptr);
+    if (g_links.devicesChanged)
+        g_links.devicesChanged();
 }
 
 void CUSBDevice::m_SwitchToUSBSpeakerIfPluggedByUser()
@@ -314,7 +331,7 @@ void CUSBDevice::m_SwitchToUSBSpeakerIfPluggedByUser()
 void CUSBDevice::m_FinishStandby(bool found)
 {
     CSingleton<CLocalFileData>::GetInstance()->SetMuteState(false);
-    m_ArmGamepadRegistration(kStandbyGamepadDelayMs);
+    m_RegisterGamepadTimerId.Start(kStandbyGamepadDelayMs, m_RegisterGamepadCb, this);
     if (!found) {
         LOGI("No devices found.");
         WaitOrDisableUSBOutputByEmptyDeviceList();
@@ -322,7 +339,8 @@ void CUSBDevice::m_FinishStandby(bool found)
         LOGI("switch to usb speaker as it is usb audio mode...");
         m_SwitchToUSBSpeaker();
     }
-    CUSBAPIServer::m_SendEventToClient(nullptr);
+    if (g_links.devicesChanged)
+        g_links.devicesChanged();
 }
 
 // Read and written as files (never through a shell redirect, which would follow a link planted
@@ -357,7 +375,8 @@ bool CUSBDevice::WaitDetect(bool &leaveAtOnce)
 
 void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
 {
-    const std::string devPath = TextOrEmpty(usb_device_get_devpath(dev));
+    const UsbDeviceProperties device = CUsbDeviceSnapshot::Of(dev);
+    const std::string &devPath = device.info.strDevPath;
     LOGI("devPath : %s  speakerchange : %d", devPath.c_str(), speakerChange);
     if (m_IsDeviceExist(devPath)) {
         LOGI("device have been exist");
@@ -365,8 +384,7 @@ void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
     }
     if (m_CheckGamepad(dev)) {
         LOGI("gamepad");
-        CSingleton<CKPILog>::GetInstance()->SendWarnings(KPI_WARNING_UNSUPPORTED_DEVICE,
-                                                         TextOrEmpty(usb_device_get_product(dev)));
+        SendWarning(KPI_WARNING_UNSUPPORTED_DEVICE, device.info.strProductName);
         return;
     }
     int card = 0;
@@ -376,7 +394,7 @@ void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
     if (!HasSoundNodes(card))
         return;
 
-    USBDeviceInfo info = MakeRecord(dev, card);
+    USBDeviceInfo info = MakeRecord(device, card);
     info.bMaxVolumeFailed = m_SetMaxVolume(card) == MAX_VOLUME_WRITE_FAILED;
     // Only a failed mixer is worth telling the user about.
     info.bNotified = !info.bMaxVolumeFailed;
@@ -384,11 +402,12 @@ void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
     if (speakerChange) {
         if (m_TakeAstroDevice(info))
             return;
-        m_CancelLeaveTimers();
+        m_DelayLeaveUSBModeTimerId.Stop();
+        m_USBStateCheckTimerId.Stop();
         m_RouteToNewDevice(info);
     }
     m_AppendDevice(info);
-    m_CancelQuitTimer();
+    m_DelayQuitTimerId.Stop();
 }
 
 // An Astro headset is not supported: the user is warned once, it never enters the attached
@@ -459,10 +478,10 @@ void CUSBDevice::m_ShowNewDevicePopup(USBDeviceInfo &info)
 
 void CUSBDevice::RemoveDevice(usb_device_s *dev)
 {
-    const std::string devPath = TextOrEmpty(usb_device_get_devpath(dev));
+    const UsbDeviceProperties device = CUsbDeviceSnapshot::Of(dev);
+    const std::string &devPath = device.info.strDevPath;
     LOGI("devPath : %s", devPath.c_str());
-    if (CUsbServiceUtil::IsAstroProduct(TextOrEmpty(usb_device_get_product(dev)), usb_device_get_vendor_id(dev),
-                                        usb_device_get_product_id(dev)))
+    if (CUsbServiceUtil::IsAstroProduct(device.info.strProductName, device.info.nVendorId, device.info.nProductId))
         EraseByPath(m_VecUnsupportedDevice, devPath);
 
     int card = 0;
@@ -595,24 +614,9 @@ gboolean CUSBDevice::m_RestVolumeTimerCb(gpointer data)
     auto *self = static_cast<CUSBDevice *>(data);
     if (!self)
         return G_SOURCE_REMOVE;
-    self->m_RestVolumeTimerId = 0;
     const std::vector<USBDeviceInfo> devices = self->GetDevices();
     LOGI("[START] devices %zu", devices.size());
     if (!devices.empty())
         CUsbMixer::RestVolume(devices);
     return G_SOURCE_REMOVE;
-}
-
-void CUSBDevice::m_ArmGamepadRegistration(unsigned int delayMs)
-{
-    m_RemoveTimer(m_RegisterGamepadTimerId);
-    m_RegisterGamepadTimerId = g_timeout_add(delayMs, m_RegisterGamepadCb, this);
-}
-
-void CUSBDevice::m_RemoveTimer(guint &id)
-{
-    if (id != 0) {
-        g_source_remove(id);
-        id = 0;
-    }
 }

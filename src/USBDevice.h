@@ -3,7 +3,9 @@
 // leave USB audio mode and end the service when no headset comes back.
 #pragma once
 
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,8 +14,10 @@
 #include "GamepadList.h"
 #include "HadrixDeviceListInfo.h"
 #include "Singleton.h"
+#include "Timer.h"
 #include "USBDeviceInfo.h"
 #include "UniqueHandle.h"
+#include "UsbDeviceSnapshot.h"
 #include "nimbos/gamepad.h"
 #include "nimbos/usb.h"
 
@@ -21,6 +25,16 @@ class CUSBDevice : public CSingleton<CUSBDevice> {
     friend class CSingleton<CUSBDevice>;
 
 public:
+    // What the device manager tells the service around it. Set once at start-up; the links
+    // outlive the manager, which is rebuilt after standby.
+    struct Links {
+        // The device situation changed (the end of a start-up or resume enumeration).
+        std::function<void()> devicesChanged;
+        // A start-up or resume enumeration has ended; events held back meanwhile may go on.
+        std::function<void()> enumerationDone;
+    };
+    static void SetLinks(Links links);
+
     // Removes every timer the manager armed and abandons a start-up still in progress, so that
     // nothing calls back into a destroyed manager.
     ~CUSBDevice() override;
@@ -30,6 +44,11 @@ public:
     // follow are taken on the main loop once they are done.
     void InitFromBoot();
     void InitFromStandby();
+    // Whether the resume enumeration parses the kernel log first: the TV came back from the deep
+    // low-power state. Told by the headset manager before InitFromStandby.
+    void SetResumedFromDeepStandby(bool deep);
+    // From the start of InitFromBoot or InitFromStandby until its decision has been taken.
+    bool IsEnumerating() const;
 
     // One hot-plugged device; speakerChange is whether the TV sound is to switch to it.
     void AddDevice(usb_device_s *dev, bool speakerChange);
@@ -70,13 +89,21 @@ public:
 private:
     CUSBDevice();
 
-    enum class InitKind { Boot, Standby };
+    // A start-up or resume enumeration under way: a kernel-log parse on a worker, then passes
+    // over the library's device list on the main loop, 1000 ms apart until one finds devices.
+    struct Enumeration {
+        enum class Kind { Boot, Standby } kind;
+        int tries = 0;
+        int pass = 0;
+        // Cancelled by the destructor so that a parse finishing later does not reach this object.
+        UniqueHandle<GCancellable, g_object_unref> parse;
+    };
 
-    // Start-up sequence: kernel-log parse on a worker, then enumeration passes on the main loop.
-    void m_StartInit(InitKind kind, bool parse, bool forceParse);
+    void m_StartInit(Enumeration::Kind kind, bool parse, bool forceParse);
     static void m_OnInitParseDone(GObject *source, GAsyncResult *result, gpointer data);
     void m_AbandonInitParse();
     void m_AfterInitParse();
+    void m_RecoverUnmuteOnFirstLaunch();
     void m_MultiTryInitDevices(int tries);
     static gboolean m_InitRetryTimerCb(gpointer data);
     void m_RunInitPass();
@@ -106,7 +133,6 @@ private:
     // service leaves alone; the list of connected gamepads follows the gamepad library from the
     // registration timer on.
     static gboolean m_RegisterGamepadCb(gpointer data);
-    void m_ArmGamepadRegistration(unsigned int delayMs);
     void m_InitGamepadList();
     static void m_GamepadConnectionCb(int event, _gamepad_device_info_s info, void *data);
     void m_UpdateGamepadList(int event, const _gamepad_device_info_s &info);
@@ -121,13 +147,10 @@ private:
     static void m_SelectUsbHeadsetRoute(bool unmuteInMultiview);
     void m_ReleaseUsingDevices();
     void m_StartQuitTimer();
-    void m_CancelQuitTimer();
-    void m_CancelLeaveTimers();
     void m_LeaveUSBModeNow();
     static gboolean m_DelayLeaveUSBModeTimerCb(gpointer data);
     static gboolean m_USBStateCheckTimerCb(gpointer data);
     static gboolean m_DelayQuitTimerCb(gpointer data);
-    static void m_RemoveTimer(guint &id);
 
     // The attached devices; read by other threads, so every access takes m_VecMutex, and the
     // lock is never held while calling out of the manager.
@@ -137,23 +160,19 @@ private:
     // list; bNotified marks those the user has been warned about. Main loop only.
     std::vector<USBDeviceInfo> m_VecUnsupportedDevice;
 
-    // GLib source ids of pending timers (main loop only); 0 when none is pending.
-    guint m_RestVolumeTimerId = 0;
-    guint m_DelayLeaveUSBModeTimerId = 0;
-    guint m_USBStateCheckTimerId = 0;
-    guint m_DelayQuitTimerId = 0;
-    guint m_InitRetryTimerId = 0;
-    guint m_RegisterGamepadTimerId = 0;
+    // Timers, main loop only; each is named after the source id it keeps.
+    CTimer m_RestVolumeTimerId;
+    CTimer m_DelayLeaveUSBModeTimerId;
+    CTimer m_USBStateCheckTimerId;
+    CTimer m_DelayQuitTimerId;
+    CTimer m_InitRetryTimerId;
+    CTimer m_RegisterGamepadTimerId;
     int m_USBStateCheckTimes = 0;
 
     CGamepadList m_GamepadList;
     // Whether the gamepad library calls this manager back; undone by the destructor.
     bool m_GamepadCbRegistered = false;
 
-    // The start-up sequence in progress.
-    InitKind m_InitKind = InitKind::Boot;
-    int m_InitTries = 0;
-    int m_InitPass = 0;
-    // Cancelled by the destructor so that a parse finishing later does not reach this object.
-    UniqueHandle<GCancellable, g_object_unref> m_InitCancellable;
+    bool m_ResumedFromDeepStandby = false;
+    std::optional<Enumeration> m_Enumeration;
 };

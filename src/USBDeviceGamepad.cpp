@@ -74,7 +74,6 @@ gboolean CUSBDevice::m_RegisterGamepadCb(gpointer data)
     } else {
         LOGE("gamepad_open fail : %d", opened);
     }
-    self->m_RegisterGamepadTimerId = 0;
     return G_SOURCE_REMOVE;
 }
 
@@ -107,10 +106,11 @@ void CUSBDevice::m_UpdateGamepadList(int event, const _gamepad_device_info_s &in
 bool CUSBDevice::m_CheckGamepad(usb_device_s *device)
 {
     LOGD("m_CheckGamepadDevice");
-    const std::string manufacturer = TextOrEmpty(usb_device_get_manufacturer(device));
-    const std::string product = TextOrEmpty(usb_device_get_product(device));
-    const int vendorId = usb_device_get_vendor_id(device);
-    const int productId = usb_device_get_product_id(device);
+    const USBDeviceInfo info = CUsbDeviceSnapshot::Of(device).info;
+    const std::string &manufacturer = info.strManufature;
+    const std::string &product = info.strProductName;
+    const int vendorId = info.nVendorId;
+    const int productId = info.nProductId;
     LOGI("manufacturer:[%s],product:[%s], vendorId: [%d], productId: [%d]", manufacturer.c_str(), product.c_str(),
          vendorId, productId);
     const std::string fullName = "\"" + manufacturer + " " + product + "\"";

@@ -139,16 +139,15 @@ void CUSBDevice::WaitOrDisableUSBOutputByEmptyDeviceList()
     bool leaveAtOnce = false;
     if (WaitDetect(leaveAtOnce)) {
         LOGI("start 5s periodic timer to check if usb was unplugged, not disable usb output ...");
-        m_RemoveTimer(m_USBStateCheckTimerId);
         m_USBStateCheckTimes = 0;
-        m_USBStateCheckTimerId = g_timeout_add(kStateCheckPeriodMs, m_USBStateCheckTimerCb, this);
+        m_USBStateCheckTimerId.Start(kStateCheckPeriodMs, m_USBStateCheckTimerCb, this);
     } else if (leaveAtOnce) {
         LOGI("Leave USBMode.");
         m_LeaveUSBModeNow();
     } else {
-        m_RemoveTimer(m_DelayLeaveUSBModeTimerId);
+        m_DelayLeaveUSBModeTimerId.Stop();
         LOGI("set delay to leave USBMode timer.");
-        m_DelayLeaveUSBModeTimerId = g_timeout_add(kLeaveUSBModeDelayMs, m_DelayLeaveUSBModeTimerCb, this);
+        m_DelayLeaveUSBModeTimerId.Start(kLeaveUSBModeDelayMs, m_DelayLeaveUSBModeTimerCb, this);
     }
 }
 
@@ -167,7 +166,7 @@ gboolean CUSBDevice::m_USBStateCheckTimerCb(gpointer data)
         return G_SOURCE_CONTINUE;
     }
     LOGI("wait fail. exit usb mode.");
-    self->m_USBStateCheckTimerId = 0; // this source ends with the return below
+    self->m_USBStateCheckTimerId.Stop();
     self->m_LeaveUSBModeNow();
     return G_SOURCE_REMOVE;
 }
@@ -175,7 +174,7 @@ gboolean CUSBDevice::m_USBStateCheckTimerCb(gpointer data)
 // Leaves at once: a pending delayed leave is dropped, as it would repeat the same work.
 void CUSBDevice::m_LeaveUSBModeNow()
 {
-    m_RemoveTimer(m_DelayLeaveUSBModeTimerId);
+    m_DelayLeaveUSBModeTimerId.Stop();
     m_DelayLeaveUSBModeTimerCb(this);
 }
 
@@ -192,7 +191,6 @@ gboolean CUSBDevice::m_DelayLeaveUSBModeTimerCb(gpointer data)
         CSingleton<CSpeakerManagerHandler>::GetInstance()->SendSignalToSpeakerManager();
     }
     self->m_ReleaseUsingDevices();
-    self->m_DelayLeaveUSBModeTimerId = 0;
     return G_SOURCE_REMOVE;
 }
 
@@ -207,31 +205,18 @@ void CUSBDevice::m_ReleaseUsingDevices()
         StopUsing(device);
 }
 
-void CUSBDevice::m_CancelLeaveTimers()
-{
-    m_RemoveTimer(m_DelayLeaveUSBModeTimerId);
-    m_RemoveTimer(m_USBStateCheckTimerId);
-}
-
 // A pending countdown is left running: only an attach cancels it.
 void CUSBDevice::m_StartQuitTimer()
 {
-    if (m_DelayQuitTimerId != 0)
+    if (m_DelayQuitTimerId.IsPending())
         return;
     LOGI("enable 10mins quit service timer.");
-    m_DelayQuitTimerId = g_timeout_add(kQuitDelayMs, m_DelayQuitTimerCb, this);
+    m_DelayQuitTimerId.Start(kQuitDelayMs, m_DelayQuitTimerCb, this);
 }
 
-void CUSBDevice::m_CancelQuitTimer()
-{
-    m_RemoveTimer(m_DelayQuitTimerId);
-}
-
-gboolean CUSBDevice::m_DelayQuitTimerCb(gpointer data)
+gboolean CUSBDevice::m_DelayQuitTimerCb(gpointer)
 {
     LOGE("[START] 10mins quit service timeout, byebye...");
-    if (data)
-        static_cast<CUSBDevice *>(data)->m_DelayQuitTimerId = 0;
     service_app_exit();
     return G_SOURCE_REMOVE;
 }

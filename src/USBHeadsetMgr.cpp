@@ -12,7 +12,7 @@
 #include "Log.h"
 #include "MultiviewHandler.h"
 #include "USBDevice.h"
-#include "UniqueHandle.h"
+#include "UsbDeviceSnapshot.h"
 
 namespace {
 
@@ -28,8 +28,6 @@ constexpr unsigned int kDeepStandbyPowerState = 4;
 constexpr char kActionAdded[] = "added";
 constexpr char kActionRemoved[] = "removed";
 
-using UsbDevicePtr = UniqueHandle<usb_device_s, free_usb_device_h>;
-
 bool IsStandby(unsigned int state)
 {
     return state == kStandbyPowerState || state == kDeepStandbyPowerState;
@@ -44,7 +42,7 @@ CUSBHeadsetMgr::CUSBHeadsetMgr()
     if (state < 0)
         LOGE("device_power_get_state return : %d", state);
     m_CurPowerState = static_cast<unsigned int>(state);
-    m_DeviceInitTimerId = g_timeout_add(kDeviceInitDelayMs, m_DeviceInitializeTimerCB, this);
+    m_DeviceInitTimerId.Start(kDeviceInitDelayMs, m_DeviceInitializeTimerCB, this);
 }
 
 CUSBHeadsetMgr::~CUSBHeadsetMgr()
@@ -52,15 +50,6 @@ CUSBHeadsetMgr::~CUSBHeadsetMgr()
     LOGD("~CUSBHeadsetMgr");
     usb_unset_connected_cb();
     device_power_unsubscribe_state_changed_event(m_PowerStateChangedCb);
-    if (m_StandbyTimerId != 0)
-        g_source_remove(m_StandbyTimerId);
-    if (m_DeviceInitTimerId != 0)
-        g_source_remove(m_DeviceInitTimerId);
-}
-
-bool CUSBHeadsetMgr::IsResumeFromDeepStandby() const
-{
-    return m_PrePowerState == kDeepStandbyPowerState;
 }
 
 void CUSBHeadsetMgr::RegisterAppCb(void (*cb)())
@@ -71,11 +60,8 @@ void CUSBHeadsetMgr::RegisterAppCb(void (*cb)())
 gboolean CUSBHeadsetMgr::m_DeviceInitializeTimerCB(gpointer data)
 {
     LOGD("m_DeviceInitializeTimerCB");
-    if (data) {
-        auto *self = static_cast<CUSBHeadsetMgr *>(data);
-        self->m_DeviceInitTimerId = 0;
-        self->m_DeviceInit();
-    }
+    if (data)
+        static_cast<CUSBHeadsetMgr *>(data)->m_DeviceInit();
     return G_SOURCE_REMOVE;
 }
 
@@ -103,11 +89,22 @@ void CUSBHeadsetMgr::m_DeviceInit()
 
 void CUSBHeadsetMgr::m_OnDetectUsbCB(usb_device_s *device, char *action, void *user_data)
 {
+    auto *self = static_cast<CUSBHeadsetMgr *>(user_data);
+    if (self && device && action) {
+        HeldEvent event{HeldEvent::Kind::Hotplug, UsbDevicePtr(device), action};
+        if (self->m_HoldWhileEnumerating(std::move(event)))
+            return;
+        device = event.device.release();
+    }
+    m_DetectUsb(device, action, self);
+}
+
+void CUSBHeadsetMgr::m_DetectUsb(usb_device_s *device, const char *action, CUSBHeadsetMgr *self)
+{
     LOGI("[START] detect usb audio device %p,%s", static_cast<void *>(device), TextOrEmpty(action));
     if (!device || !action)
         return;
     UsbDevicePtr handle(device);
-    auto *self = static_cast<CUSBHeadsetMgr *>(user_data);
     if (!self) {
         LOGD("");
         return;
@@ -116,30 +113,29 @@ void CUSBHeadsetMgr::m_OnDetectUsbCB(usb_device_s *device, char *action, void *u
         LOGE("power state is not normal");
         return;
     }
-    const int usbClass = usb_device_get_class(device);
-    LOGD("class:%d", usbClass);
-    if (usbClass != USB_DEVICE_CLASS_AUDIO) {
+    // Read once here; the device manager's steps find what was read.
+    const CUsbDeviceSnapshot snapshot(device);
+    const UsbDeviceProperties &props = snapshot.Get();
+    LOGD("class:%d", props.usbClass);
+    if (props.usbClass != USB_DEVICE_CLASS_AUDIO) {
         LOGE("Not audio deveice");
         return;
     }
-    if (self->m_StandbyTimerId != 0) {
+    if (self->m_StandbyTimerId.IsPending()) {
         LOGE("delay to check usb device timer exist");
         return;
     }
 
-    const std::string devPath = TextOrEmpty(usb_device_get_devpath(device));
-    const std::string product = TextOrEmpty(usb_device_get_product(device));
-    const int vendorId = usb_device_get_vendor_id(device);
-    const int productId = usb_device_get_product_id(device);
-    LOGI("devpath: %s, name:%s, product:%s, vender id:%d, product id:%d, device No.%d", devPath.c_str(),
-         TextOrEmpty(usb_device_get_devname(device)), product.c_str(), vendorId, productId, usb_device_get_number(device));
+    const USBDeviceInfo &info = props.info;
+    LOGI("devpath: %s, name:%s, product:%s, vender id:%d, product id:%d, device No.%d", info.strDevPath.c_str(),
+         props.devName.c_str(), info.strProductName.c_str(), info.nVendorId, info.nProductId, props.number);
 
     int card = 0;
-    if (!CUsbServiceUtil::GetCardNum(devPath, &card)) {
+    if (!CUsbServiceUtil::GetCardNum(info.strDevPath, &card)) {
         LOGE("no card num, ignore");
         return;
     }
-    if (CUsbServiceUtil::IsCamera(product, vendorId, productId)) {
+    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId)) {
         LOGE("camera device");
         return;
     }
@@ -148,8 +144,8 @@ void CUSBHeadsetMgr::m_OnDetectUsbCB(usb_device_s *device, char *action, void *u
     if (strcmp(action, kActionAdded) == 0) {
         CDMesgAnalysis *analysis = CSingleton<CDMesgAnalysis>::GetInstance();
         analysis->TriggerParse(true);
-        const bool speakerChange =
-            CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode() || analysis->NeedChangeSpeaker(devPath);
+        const bool speakerChange = CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode() ||
+                                   analysis->NeedChangeSpeaker(info.strDevPath);
         usbDevice->AddDevice(device, speakerChange);
     } else if (strcmp(action, kActionRemoved) == 0) {
         usbDevice->RemoveDevice(device);
@@ -163,24 +159,31 @@ void CUSBHeadsetMgr::m_OnDetectUsbCB(usb_device_s *device, char *action, void *u
 
 void CUSBHeadsetMgr::m_PowerStateChangedCb(_device_power_state_info *info, void *user_data)
 {
-    LOGI("m_PowerStateChangedCb in");
     auto *self = static_cast<CUSBHeadsetMgr *>(user_data);
+    if (info && self && self->m_HoldWhileEnumerating({HeldEvent::Kind::PowerState, nullptr, {}, *info}))
+        return;
+    LOGI("m_PowerStateChangedCb in");
     if (!info || !self) {
         LOGE("data or pInfo is NULL");
         return;
     }
-    CSingleton<CDMesgAnalysis>::GetInstance()->SetPowerChangdTime();
-    LOGI("power on pre state : %d, cur state: %d", info->previous, info->current);
-    self->m_CurPowerState = static_cast<unsigned int>(info->current);
-    self->m_PrePowerState = static_cast<unsigned int>(info->previous);
+    self->m_ChangePowerState(*info);
+}
 
-    if (IsStandby(self->m_PrePowerState) && self->m_CurPowerState == kNormalPowerState) {
-        if (self->m_StandbyTimerId != 0)
+void CUSBHeadsetMgr::m_ChangePowerState(const _device_power_state_info &info)
+{
+    CSingleton<CDMesgAnalysis>::GetInstance()->SetPowerChangdTime();
+    LOGI("power on pre state : %d, cur state: %d", info.previous, info.current);
+    m_CurPowerState = static_cast<unsigned int>(info.current);
+    m_PrePowerState = static_cast<unsigned int>(info.previous);
+
+    if (IsStandby(m_PrePowerState) && m_CurPowerState == kNormalPowerState) {
+        if (m_StandbyTimerId.IsPending())
             return;
         LOGI("launch delay timer");
-        self->m_StandbyTimerId = g_timeout_add(kStandbyDetectDelayMs, m_DeviceStandbyDetectDelayTimer, self);
+        m_StandbyTimerId.Start(kStandbyDetectDelayMs, m_DeviceStandbyDetectDelayTimer, this);
     }
-    if (IsStandby(self->m_CurPowerState))
+    if (IsStandby(m_CurPowerState))
         CSingleton<CUSBDevice>::GetInstance()->MuteUSBOutput(true);
 }
 
@@ -190,22 +193,27 @@ gboolean CUSBHeadsetMgr::m_DeviceStandbyDetectDelayTimer(gpointer data)
     auto *self = static_cast<CUSBHeadsetMgr *>(data);
     if (!self)
         return G_SOURCE_REMOVE;
-    self->m_StandbyTimerId = 0;
+    // The timer ends with this callback; it counts as gone for the events the rebuild below meets.
+    self->m_StandbyTimerId.Stop();
     if (self->m_CurPowerState >= kFirstAbnormalPowerState) {
         LOGE("current power state is not normal");
         return G_SOURCE_REMOVE;
     }
     LOGI("begin to intit device file");
     CSingleton<CUSBDevice>::ReleaseInstance();
-    CSingleton<CUSBDevice>::GetInstance()->InitFromStandby();
+    CUSBDevice *usbDevice = CSingleton<CUSBDevice>::GetInstance();
+    usbDevice->SetResumedFromDeepStandby(self->m_PrePowerState == kDeepStandbyPowerState);
+    usbDevice->InitFromStandby();
     return G_SOURCE_REMOVE;
 }
 
 void CUSBHeadsetMgr::m_SpeakerChangeCb(sound_tv_output_route_e route, void *user_data)
 {
+    auto *self = static_cast<CUSBHeadsetMgr *>(user_data);
+    if (self && self->m_HoldWhileEnumerating({HeldEvent::Kind::Speaker, nullptr, {}, {}, route}))
+        return;
     LOGI("m_SpeakerChangeCb, route : %d, SOUND_TV_OUTPUT_USB_HEADSET is %d", static_cast<int>(route),
          static_cast<int>(SOUND_TV_OUTPUT_USB_HEADSET));
-    auto *self = static_cast<CUSBHeadsetMgr *>(user_data);
     if (!self) {
         LOGE("user_data is NULL");
         return;
@@ -220,6 +228,8 @@ void CUSBHeadsetMgr::m_MultiviewSpeakerChangeCb(sound_tv_output_route_e route, i
 
 void CUSBHeadsetMgr::HandleMultiViewSpeakerChange(sound_tv_output_route_e route)
 {
+    if (m_HoldWhileEnumerating({HeldEvent::Kind::MultiviewSpeaker, nullptr, {}, {}, route}))
+        return;
     m_ApplySpeakerRoute(route);
 }
 
@@ -259,5 +269,46 @@ void CUSBHeadsetMgr::m_SetKeyGrabOrUngrab()
     } else if (usingCount == 0 && grabbed) {
         LOGI("stop GrabVolumeKey");
         keys->UngrabVolumeKey();
+    }
+}
+
+bool CUSBHeadsetMgr::m_HoldWhileEnumerating(HeldEvent &&event)
+{
+    const CUSBDevice *usbDevice = CSingleton<CUSBDevice>::PeekInstance();
+    if (!usbDevice || !usbDevice->IsEnumerating())
+        return false;
+    LOGI("event %d held until the device enumeration ends", static_cast<int>(event.kind));
+    m_HeldEvents.push_back(std::move(event));
+    return true;
+}
+
+void CUSBHeadsetMgr::OnEnumerationDone()
+{
+    // A held event may start another enumeration (a resume): what is left waits for its end.
+    while (!m_HeldEvents.empty()) {
+        const CUSBDevice *usbDevice = CSingleton<CUSBDevice>::PeekInstance();
+        if (usbDevice && usbDevice->IsEnumerating())
+            return;
+        HeldEvent event = std::move(m_HeldEvents.front());
+        m_HeldEvents.pop_front();
+        m_HandleHeldEvent(event);
+    }
+}
+
+void CUSBHeadsetMgr::m_HandleHeldEvent(HeldEvent &event)
+{
+    switch (event.kind) {
+    case HeldEvent::Kind::Hotplug:
+        m_DetectUsb(event.device.release(), event.action.c_str(), this);
+        break;
+    case HeldEvent::Kind::PowerState:
+        m_PowerStateChangedCb(&event.power, this);
+        break;
+    case HeldEvent::Kind::Speaker:
+        m_SpeakerChangeCb(event.route, this);
+        break;
+    case HeldEvent::Kind::MultiviewSpeaker:
+        m_ApplySpeakerRoute(event.route);
+        break;
     }
 }

@@ -3,9 +3,14 @@
 // it after standby, and decides whether the remote's volume keys are grabbed.
 #pragma once
 
+#include <deque>
+#include <string>
+
 #include <glib.h>
 
 #include "Singleton.h"
+#include "Timer.h"
+#include "UniqueHandle.h"
 #include "nimbos/power.h"
 #include "nimbos/sound.h"
 #include "nimbos/usb.h"
@@ -24,30 +29,50 @@ public:
     // Multiview was switched on: its UI gets the stored level while a headset is in use.
     void InitVolumeOnMultiViewEnabled();
 
-    // Whether the last power change left the deep low-power state (4).
-    bool IsResumeFromDeepStandby() const;
+    // The device manager's start-up or resume enumeration has ended: the events held back
+    // meanwhile are handled now, in the order they came.
+    void OnEnumerationDone();
 
     // For the multiview handler's registration with the sound manager.
     static void m_MultiviewSpeakerChangeCb(sound_tv_output_route_e route, int zoneid, void *user_data);
 
 private:
+    using UsbDevicePtr = UniqueHandle<usb_device_s, free_usb_device_h>;
+
+    // A hot-plug, power or speaker event that came while the device manager enumerated: a loop
+    // blocked by the enumeration would have handled it after it, so it is held until then.
+    struct HeldEvent {
+        enum class Kind { Hotplug, PowerState, Speaker, MultiviewSpeaker } kind;
+        UsbDevicePtr device;
+        std::string action;
+        _device_power_state_info power{};
+        sound_tv_output_route_e route{};
+    };
+
     CUSBHeadsetMgr();
 
     static gboolean m_DeviceInitializeTimerCB(gpointer data);
     void m_DeviceInit();
     static void m_OnDetectUsbCB(usb_device_s *device, char *action, void *user_data);
+    static void m_DetectUsb(usb_device_s *device, const char *action, CUSBHeadsetMgr *self);
     static void m_PowerStateChangedCb(_device_power_state_info *info, void *user_data);
+    void m_ChangePowerState(const _device_power_state_info &info);
     static gboolean m_DeviceStandbyDetectDelayTimer(gpointer data);
     static void m_SpeakerChangeCb(sound_tv_output_route_e route, void *user_data);
     void m_ApplySpeakerRoute(sound_tv_output_route_e route);
     void m_SetKeyGrabOrUngrab();
 
+    // True when the event was held because an enumeration is under way.
+    bool m_HoldWhileEnumerating(HeldEvent &&event);
+    void m_HandleHeldEvent(HeldEvent &event);
+
     void (*m_pAppCb)() = nullptr;
-    guint m_StandbyTimerId = 0;
+    CTimer m_StandbyTimerId;
     // Power state codes compared unsigned: a failed read counts as not normal.
     unsigned int m_CurPowerState = 0;
     // Until the first change: a code that is neither a working nor a standby state, so that no
     // resume is assumed.
     unsigned int m_PrePowerState = 3;
-    guint m_DeviceInitTimerId = 0;
+    CTimer m_DeviceInitTimerId;
+    std::deque<HeldEvent> m_HeldEvents;
 };

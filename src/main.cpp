@@ -14,7 +14,9 @@
 #include "MultiviewHandler.h"
 #include "NotificationPopup.h"
 #include "PulseAudioHandler.h"
+#include "ServiceLinks.h"
 #include "SoundMirroringEventHandler.h"
+#include "Timer.h"
 #include "USBHeadsetMgr.h"
 #include "nimbos/app.h"
 #include "nimbos/paths.h"
@@ -73,10 +75,13 @@ gboolean OnDeadLockNotifyCB(gpointer)
     return TRUE;
 }
 
+// Beats for the life of the process.
+CTimer g_heartbeat;
+
 void StartWatchdogHeartbeat()
 {
     smart_deadlock_register_watchdog_service(kWatchdogTimeoutSec);
-    g_timeout_add(kHeartbeatMs, OnDeadLockNotifyCB, nullptr);
+    g_heartbeat.Start(kHeartbeatMs, OnDeadLockNotifyCB, nullptr);
 }
 
 bool service_app_create(void *)
@@ -111,6 +116,7 @@ int main(int argc, char *argv[])
 {
     LOGE("hadrix main");
     PutBootTraceMark("hadrix main in");
+    LinkManagers();
 
     ApplyMenuLanguage();
     CUsbServiceUtil::AddVconfChangedCb(VCONF_KEY_MENU_LANGUAGE, OnMenuLanguageChanged, nullptr);

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "HadrixBusNames.h"
 #include "HadrixDeviceListInfo.h"
 #include "hadrix-server-gen.h"
 #include "nimbos/app.h"
@@ -20,10 +21,10 @@ namespace {
 
 enum ExitCode { kOk = 0, kFailed = 1, kUsage = 2 };
 
-constexpr char kServerName[] = "org.nimbos.hadrix.server";
-constexpr char kMethodsPath[] = "/org/nimbos/tv/hadrix/server";
-constexpr char kSignalsPath[] = "/org/nimbos/hadrex";
-constexpr char kServiceAppId[] = "org.nimbos.hadrix";
+using hadrix::api::kAppId;
+using hadrix::api::kBusName;
+using hadrix::api::kObjectPath;
+using hadrix::api::kSignalPath;
 constexpr char kDefaultClientName[] = "hadrixctl";
 constexpr int kCallTimeoutMs = 5000;
 // The service sends its two change signals back to back: one list print answers both.
@@ -138,7 +139,7 @@ ProxyPtr NewProxy(const char *path, std::string &problem)
     OrgNimbosHadrixServerInterface *proxy = org_nimbos_hadrix_server_interface_proxy_new_for_bus_sync(
         G_BUS_TYPE_SYSTEM,
         static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES | G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START),
-        kServerName, path, nullptr, &error);
+        kBusName, path, nullptr, &error);
     if (!proxy) {
         problem = std::string("cannot reach the system bus: ") + error->message;
         return nullptr;
@@ -157,10 +158,10 @@ bool IsServed(OrgNimbosHadrixServerInterface *proxy)
 int OpenMethods(ProxyPtr &methods)
 {
     std::string problem;
-    methods = NewProxy(kMethodsPath, problem);
+    methods = NewProxy(kObjectPath, problem);
     if (!methods)
         return Failure(problem);
-    return IsServed(methods.get()) ? kOk : NotRunning(kServerName);
+    return IsServed(methods.get()) ? kOk : NotRunning(kBusName);
 }
 
 int CallFailed(const char *method, GError *error)
@@ -311,7 +312,7 @@ int RunMonitor(const std::vector<std::string> &)
     if (opened != kOk)
         return opened;
     std::string problem;
-    ProxyPtr signals = NewProxy(kSignalsPath, problem);
+    ProxyPtr signals = NewProxy(kSignalPath, problem);
     if (!signals)
         return Failure(problem);
     g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
@@ -358,15 +359,15 @@ int RunDebug(const std::vector<std::string> &args)
     if (app_control_create(&raw) != APP_CONTROL_ERROR_NONE)
         return Failure("out of memory");
     AppControlPtr request(raw);
-    if (app_control_set_app_id(request.get(), kServiceAppId) != APP_CONTROL_ERROR_NONE ||
+    if (app_control_set_app_id(request.get(), kAppId) != APP_CONTROL_ERROR_NONE ||
         app_control_add_extra_data(request.get(), key.c_str(), value.c_str()) != APP_CONTROL_ERROR_NONE)
         return Failure("cannot build the launch request (key and value must be UTF-8)");
     const int result = app_control_send_launch_request(request.get(), nullptr, nullptr);
     if (result == APP_CONTROL_ERROR_APP_NOT_FOUND)
-        return NotRunning(kServiceAppId);
+        return NotRunning(kAppId);
     if (result != APP_CONTROL_ERROR_NONE)
         return Failure("the launch request failed (" + std::to_string(result) + ")");
-    printf("sent %s=%s to %s; the result is in the service's log\n", key.c_str(), value.c_str(), kServiceAppId);
+    printf("sent %s=%s to %s; the result is in the service's log\n", key.c_str(), value.c_str(), kAppId);
     return kOk;
 }
 
