@@ -436,8 +436,11 @@ bool CUSBDevice::m_KeepUnsupportedDevice(const USBDeviceInfo &info, bool warned)
     return true;
 }
 
-// The new device carries the output itself while fewer than two devices are attached and in
-// use; otherwise the free places go to the devices already attached.
+// The new device is given the output while fewer than two devices are attached and in use:
+// the route goes to the USB headset and the audio server is told to start the card. The record
+// stays idle; it is marked in use when the output is next handed out (the unmute that the
+// route's change brings, or an unplug's hand-over). Otherwise the free places go to the
+// devices already attached.
 void CUSBDevice::m_RouteToNewDevice(USBDeviceInfo &info)
 {
     bool room;
@@ -457,7 +460,6 @@ void CUSBDevice::m_RouteToNewDevice(USBDeviceInfo &info)
         m_SelectUsbHeadsetRoute(true);
     CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudioAsync(true, info.nCardNum);
     CSingleton<CKPILog>::GetInstance()->SendNewConnectedDevice(info.strProductName, info.nVendorId, info.nProductId);
-    info.eStatus = DEVICE_STATUS_USING;
     m_ShowNewDevicePopup(info);
 }
 

@@ -5,6 +5,10 @@ SetSpeakerSelection and SetMultiviewSpeakerSelection store the route and announc
 SpeakerChanged(i route) / MultiviewSpeakerChanged(i route, i zone). SetMuteGain and
 ApplyUnmuteFadeIn only end in the call log (GetCalls), as every call does.
 
+It also plays the speaker manager's part in the TV's sound stack: told that the USB sound device
+is gone (the broadcast SpkDisconnected(15, "HADRIX_DEVICE") on /Org/Nimbos/SpeakerManager), it
+takes the TV sound off the USB headset, back to the TV speakers (route 7).
+
 Parameters:
   route    the TV's output route at start; default 7.
   failing  every sound-manager method fails with org.nimbos.SoundManager.Error.Failed;
@@ -22,14 +26,26 @@ MAIN_IFACE = 'org.nimbos.SoundManager'
 SYSTEM_BUS = True
 
 FAILED = 'org.nimbos.SoundManager.Error.Failed'
-# The route of a zone nobody has set.
+# The route of a zone nobody has set, and the TV's own speakers.
 DEFAULT_ROUTE = 7
+TV_SPEAKERS = 7
+USB_HEADSET = 15
+SPEAKER_MANAGER_PATH = '/Org/Nimbos/SpeakerManager'
+SPEAKER_MANAGER_IFACE = 'org.nimbos.speakermanager'
 
 
 def load(mock, parameters):
     mock.route = int(parameters.get('route', DEFAULT_ROUTE))
     mock.zone_routes = {}
     mock.failing = bool(parameters.get('failing', False))
+
+    def usb_sound_device_gone(speaker_type, _name):
+        if int(speaker_type) == USB_HEADSET and mock.route == USB_HEADSET:
+            _select(mock, TV_SPEAKERS)
+
+    mock.bus_name.get_bus().add_signal_receiver(usb_sound_device_gone, signal_name='SpkDisconnected',
+                                                 dbus_interface=SPEAKER_MANAGER_IFACE,
+                                                 path=SPEAKER_MANAGER_PATH)
 
 
 def _check(mock):
