@@ -65,3 +65,15 @@ def test_terminate_request_runs_terminate_and_exits_0(daemon, system_bus, signum
 
     hadrix.log.wait_for('service_app_terminate', since=mark)
     assert not system_bus.has_owner(HADRIX_BUS_NAME)
+
+
+def test_losing_the_system_bus_ends_the_service_with_a_failure(daemon, system_bus):
+    hadrix = daemon.start()
+    mark = hadrix.log.mark()
+
+    system_bus.restart()
+
+    # A failure, so that the service manager (Restart=on-failure) starts it again.
+    assert hadrix.wait() not in (0, None)
+    assert hadrix.log.find('system bus connection lost', since=mark)
+    hadrix.log.wait_for('service_app_terminate', since=mark)
