@@ -216,7 +216,8 @@ public:
                      error->message);
             return;
         }
-        // The connection is the process's shared one, so the whole service goes with it.
+        // The process's shared connection: when it closes, OnBusClosed ends the service as a failure
+        // instead of GDBus raising SIGTERM. The setting is given back with the export.
         exitOnClose_ = g_dbus_connection_get_exit_on_close(bus_.get());
         g_dbus_connection_set_exit_on_close(bus_.get(), FALSE);
         closedHandler_ = g_signal_connect(bus_.get(), "closed", G_CALLBACK(OnBusClosed), nullptr);

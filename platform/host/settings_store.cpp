@@ -381,7 +381,7 @@ private:
         struct stat info {};
         if (!lock || flock(lock.get(), LOCK_EX) != 0 || fstat(lock.get(), &info) != 0 || info.st_nlink == 0) {
             const int error = errno;
-            unlink(pattern.c_str()); // when no sweep has
+            unlink(pattern.c_str()); // unless a sweep has already
             errno = error;
             return;
         }
