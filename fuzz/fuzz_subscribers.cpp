@@ -1,40 +1,59 @@
-// The subscriber file reader over arbitrary file content. What it reads must be storable again:
-// words without white space that, written as the server writes them, read back the same.
-#include <glib.h>
-
+// The subscriber file both ways over arbitrary input:
+// - read as file content, what the reader takes must be storable words that, written as the
+//   server writes them, read back the same;
+// - split at NUL bytes (which no D-Bus string holds) into process names, every name the server
+//   would store, with the object name it forms, must read back as the same pairs once written,
+//   and the file stays within its bound.
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "FuzzEnvironment.h"
 #include "HadrixDbusAPIServer.h"
 
 namespace {
 
-// One word of UTF-8 text, as a D-Bus string can carry it.
-bool IsWord(const std::string &text)
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+Pairs ReadBack(const std::string &text)
 {
-    if (text.empty() || !g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr))
-        return false;
-    for (char c : text)
-        if (g_ascii_isspace(c))
-            return false;
-    return true;
+    std::istringstream file(text);
+    return CUSBAPIServer::ReadSubscribers(file);
+}
+
+void CheckFileContent(const std::string &content)
+{
+    const Pairs subscribers = ReadBack(content);
+    FUZZ_CHECK(subscribers.size() <= CUSBAPIServer::kMaxSubscribers);
+    std::string written;
+    for (const auto &[name, object] : subscribers) {
+        FUZZ_CHECK(!CUSBAPIServer::WordFault(name));
+        FUZZ_CHECK(!CUSBAPIServer::WordFault(object));
+        written += name + " " + object + "\n";
+    }
+    FUZZ_CHECK(ReadBack(written) == subscribers);
+}
+
+void CheckAcceptedNames(const std::string &input)
+{
+    CUSBAPIServer::SubscriberTable table;
+    std::istringstream names(input);
+    for (std::string name; std::getline(names, name, '\0') && table.size() < CUSBAPIServer::kMaxSubscribers;) {
+        if (!CUSBAPIServer::WordFault(name))
+            table[name] = CUSBAPIServer::ClientObjectName(name.c_str());
+    }
+    const std::string text = CUSBAPIServer::FormatSubscribers(table);
+    FUZZ_CHECK(text.size() < CUSBAPIServer::kMaxSubscriberFileBytes);
+    FUZZ_CHECK(ReadBack(text) == Pairs(table.begin(), table.end()));
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    std::istringstream file(std::string(reinterpret_cast<const char *>(data), size));
-    const auto subscribers = CUSBAPIServer::ReadSubscribers(file);
-
-    std::string written;
-    for (const auto &[name, object] : subscribers) {
-        FUZZ_CHECK(IsWord(name));
-        FUZZ_CHECK(IsWord(object));
-        written += name + " " + object + "\n";
-    }
-    std::istringstream again(written);
-    FUZZ_CHECK(CUSBAPIServer::ReadSubscribers(again) == subscribers);
+    const std::string input(reinterpret_cast<const char *>(data), size);
+    CheckFileContent(input);
+    CheckAcceptedNames(input);
     return 0;
 }

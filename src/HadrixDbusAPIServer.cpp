@@ -2,10 +2,15 @@
 // to subscribers and the subscriber file.
 #include "HadrixDbusAPIServer.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iomanip>
+#include <locale>
 #include <memory>
+#include <sstream>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -96,37 +101,51 @@ constexpr gint32 kPlaceholderKey = 123;
 constexpr gint32 kPlaceholderValue = 321;
 constexpr gint32 kDeviceChangedMessage = 10;
 
-constexpr size_t kClientObjectSize = 256; // "obj" + process name, cut to 255 characters
+static_assert(CUSBAPIServer::kMaxSubscribers * (2 * CUSBAPIServer::kMaxWordBytes + 2) <
+                  CUSBAPIServer::kMaxSubscriberFileBytes,
+              "a full subscriber table fits the file bound");
 
-std::string ClientObjectName(const char *processName)
+// The reader splits words where the classic locale sees white space: ' ', \t, \n, \v, \f, \r.
+bool IsWordSeparator(char c)
 {
-    char name[kClientObjectSize];
-    snprintf(name, sizeof name, "obj%s", processName);
-    // The name goes back over D-Bus, which carries UTF-8 only: a cut through a character of a
-    // long name drops what is left of that character.
-    const gchar *validEnd = nullptr;
-    if (!g_utf8_validate(name, -1, &validEnd))
-        return std::string(name, static_cast<size_t>(validEnd - name));
-    return name;
+    return std::isspace(c, std::locale::classic());
 }
 
-// A process name is stored as one word of the subscriber file.
-bool IsStorableProcessName(const char *name)
+// The name a log line may show of a caller: its unique bus name, never the text it sent.
+const char *Caller(GDBusMethodInvocation *invocation)
 {
-    if (*name == '\0')
+    const char *sender = g_dbus_method_invocation_get_sender(invocation);
+    return sender ? sender : "(no sender)";
+}
+
+// The next word of `in`, read at most kMaxWordBytes + 1 bytes into `word`; the rest of a longer
+// word is skipped, so that it still counts as one word and the words after it keep their places.
+bool ReadWord(std::istream &in, std::string &word)
+{
+    if (!(in >> std::setw(CUSBAPIServer::kMaxWordBytes + 1) >> word))
         return false;
-    for (const char *c = name; *c; ++c) {
-        if (g_ascii_isspace(*c))
-            return false;
+    if (word.size() > CUSBAPIServer::kMaxWordBytes) {
+        while (in.peek() != std::char_traits<char>::eof() &&
+               !IsWordSeparator(std::char_traits<char>::to_char_type(in.peek())))
+            in.ignore();
     }
     return true;
 }
 
-// Names come from D-Bus strings: UTF-8 without NUL. A word of the subscriber file that is not
-// such text was never written by the server, and no client could unsubscribe it.
-bool IsNameText(const std::string &word)
+// At most the first kMaxSubscriberFileBytes of `in`, ending at a word's end: a bigger file was not
+// written by the service, and a word cut at the bound would be read as another word.
+std::string ReadBoundedText(std::istream &in)
 {
-    return g_utf8_validate(word.data(), static_cast<gssize>(word.size()), nullptr);
+    std::string text(CUSBAPIServer::kMaxSubscriberFileBytes + 1, '\0');
+    in.read(&text[0], static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<size_t>(in.gcount()));
+    if (text.size() > CUSBAPIServer::kMaxSubscriberFileBytes) {
+        LOGW("subscriber file larger than %zu bytes: the rest is ignored", CUSBAPIServer::kMaxSubscriberFileBytes);
+        text.resize(CUSBAPIServer::kMaxSubscriberFileBytes);
+        const auto wordEnd = std::find_if(text.rbegin(), text.rend(), IsWordSeparator);
+        text.erase(static_cast<size_t>(text.rend() - wordEnd));
+    }
+    return text;
 }
 
 gboolean QuitLoopCb(gpointer data)
@@ -361,20 +380,38 @@ void CUSBAPIServer::m_ReceiveSubscribeHadrixServiceCallback(GVariant *parameters
     LOGI("m_ReceiveSubscribeHadrixServiceCallback Enter");
     const gchar *processName = nullptr;
     g_variant_get(parameters, "(&s)", &processName);
-    if (!IsStorableProcessName(processName)) {
-        LOGE("refused process name [%s]: empty or with white space", processName);
+    if (const char *fault = WordFault(processName)) {
+        LOGE("subscription of %s refused: the process name cannot be stored: %s", Caller(invocation), fault);
         g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_INVALID_ARGS,
-                                              "a process name is one word");
+                                              "the process name cannot be stored: %s (it must be one "
+                                              "word of 1 to 255 bytes of UTF-8 without white space)",
+                                              fault);
         return;
     }
     const std::string clientObj = ClientObjectName(processName);
-    {
-        std::lock_guard<std::mutex> lock(m_ConnectionMutex);
-        m_MapConnection[processName] = clientObj;
-        LOGI("process:[%s] establish clientObj:[%s]", processName, clientObj.c_str());
+    if (!m_StoreSubscriber(processName, clientObj)) {
+        LOGE("subscription of %s refused: the subscriber table is full (%zu processes)", Caller(invocation),
+             kMaxSubscribers);
+        g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED,
+                                              "the subscriber table is full (%zu processes)", kMaxSubscribers);
+        return;
     }
     m_SaveConnection();
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", clientObj.c_str()));
+}
+
+bool CUSBAPIServer::m_StoreSubscriber(const char *processName, const std::string &clientObj)
+{
+    std::lock_guard<std::mutex> lock(m_ConnectionMutex);
+    auto known = m_MapConnection.find(processName);
+    if (known != m_MapConnection.end())
+        known->second = clientObj;
+    else if (m_MapConnection.size() < kMaxSubscribers)
+        m_MapConnection.emplace(processName, clientObj);
+    else
+        return false;
+    LOGI("process:[%s] establish clientObj:[%s]", processName, clientObj.c_str());
+    return true;
 }
 
 void CUSBAPIServer::m_ReceiveUnsubscribeHadrixServiceCallback(GVariant *parameters,
@@ -384,12 +421,19 @@ void CUSBAPIServer::m_ReceiveUnsubscribeHadrixServiceCallback(GVariant *paramete
     const gchar *processName = nullptr;
     g_variant_get(parameters, "(&s)", &processName);
     const std::string clientObj = ClientObjectName(processName);
-    LOGI("process:[%s] establish clientObj:[%s]", processName, clientObj.c_str());
-    {
-        std::lock_guard<std::mutex> lock(m_ConnectionMutex);
-        m_MapConnection.erase(processName);
+    // A name that could never be stored is not in the table or the file: like any unknown
+    // process it is answered normally, and nothing is written.
+    if (const char *fault = WordFault(processName)) {
+        LOGW("unsubscription of %s: nothing to remove, the process name could not be stored: %s",
+             Caller(invocation), fault);
+    } else {
+        LOGI("process:[%s] establish clientObj:[%s]", processName, clientObj.c_str());
+        {
+            std::lock_guard<std::mutex> lock(m_ConnectionMutex);
+            m_MapConnection.erase(processName);
+        }
+        m_SaveConnection();
     }
-    m_SaveConnection();
     g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", clientObj.c_str()));
 }
 
@@ -446,8 +490,7 @@ void CUSBAPIServer::m_SaveConnection()
     std::string text;
     {
         std::lock_guard<std::mutex> lock(m_ConnectionMutex);
-        for (const auto &entry : m_MapConnection)
-            text += entry.first + " " + entry.second + "\n";
+        text = FormatSubscribers(m_MapConnection);
     }
     if (!CLocalFileData::ReplaceResolvedFile(path, text.data(), text.size())) {
         LOGE("cannot write %s: %s", path.c_str(), strerror(errno));
@@ -473,14 +516,55 @@ void CUSBAPIServer::m_LoadConnection()
     }
 }
 
+const char *CUSBAPIServer::WordFault(std::string_view word)
+{
+    if (word.empty())
+        return "it is empty";
+    if (word.size() > kMaxWordBytes)
+        return "it is longer than 255 bytes";
+    if (std::any_of(word.begin(), word.end(), IsWordSeparator))
+        return "it holds white space";
+    // With a length, g_utf8_validate also refuses NUL bytes, which no D-Bus string holds.
+    if (!g_utf8_validate(word.data(), static_cast<gssize>(word.size()), nullptr))
+        return "it is not UTF-8 text";
+    return nullptr;
+}
+
+std::string CUSBAPIServer::ClientObjectName(const char *processName)
+{
+    char name[kMaxWordBytes + 1];
+    snprintf(name, sizeof name, "obj%s", processName);
+    // The name goes back over D-Bus, which carries UTF-8 only: a cut through a character of a
+    // long name drops what is left of that character.
+    const gchar *validEnd = nullptr;
+    if (!g_utf8_validate(name, -1, &validEnd))
+        return std::string(name, static_cast<size_t>(validEnd - name));
+    return name;
+}
+
+std::string CUSBAPIServer::FormatSubscribers(const SubscriberTable &table)
+{
+    std::string text;
+    for (const auto &entry : table)
+        text += entry.first + " " + entry.second + "\n";
+    return text;
+}
+
 std::vector<std::pair<std::string, std::string>> CUSBAPIServer::ReadSubscribers(std::istream &in)
 {
+    std::istringstream words(ReadBoundedText(in));
+    words.imbue(std::locale::classic());
     std::vector<std::pair<std::string, std::string>> subscribers;
     std::string procName;
     std::string connectionObj;
-    while (in >> procName >> connectionObj) {
-        if (!IsNameText(procName) || !IsNameText(connectionObj)) {
-            LOGW("subscriber entry ignored: not UTF-8 text without NUL");
+    for (size_t entry = 1; ReadWord(words, procName) && ReadWord(words, connectionObj); ++entry) {
+        if (subscribers.size() == kMaxSubscribers) {
+            LOGW("subscriber file holds more than %zu entries: the rest is ignored", kMaxSubscribers);
+            break;
+        }
+        const char *fault = WordFault(procName);
+        if (fault || (fault = WordFault(connectionObj))) {
+            LOGW("subscriber entry %zu ignored: %s", entry, fault);
             continue;
         }
         subscribers.emplace_back(procName, connectionObj);

@@ -4,10 +4,12 @@
 // its own, so D-Bus traffic never waits for the service's main loop.
 #pragma once
 
+#include <cstddef>
 #include <istream>
 #include <map>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -33,11 +35,30 @@ public:
     // Tells clients that the device situation changed. Any thread; the argument is not used.
     static void m_SendEventToClient(void *data);
 
+    // Process name -> client object name.
+    using SubscriberTable = std::map<std::string, std::string>;
+
+    // The most processes the table holds: every line of the subscriber file is at most two words
+    // of kMaxWordBytes, a blank and a line feed, so the file stays under 64 KiB.
+    static constexpr size_t kMaxWordBytes = 255;
+    static constexpr size_t kMaxSubscriberFileBytes = 64 * 1024;
+    static constexpr size_t kMaxSubscribers = (kMaxSubscriberFileBytes - 1) / (2 * kMaxWordBytes + 2);
+
     // The subscriber file, resolved against the application-data root.
     static std::string SubscriberFilePath();
+    // Why `word` cannot be one word of the subscriber file, or null when it can: a process name
+    // or client object name is stored only when the reader reads it back as the same single
+    // word, that is 1 to kMaxWordBytes bytes of UTF-8 without a byte the reader separates words
+    // at (the classic locale's white space, \v and \f included).
+    static const char *WordFault(std::string_view word);
+    // "obj" + the process name, cut to 255 bytes without cutting a character.
+    static std::string ClientObjectName(const char *processName);
+    // The subscriber file's text: "name object\n" per process, in the table's order.
+    static std::string FormatSubscribers(const SubscriberTable &table);
     // The (process name, client object name) pairs of a subscriber file's text, in file order:
-    // two white-space separated words each; a trailing lone word is ignored, and so is a pair
-    // that is not UTF-8 text without NUL (no client can have such a name).
+    // two words each, read from its first kMaxSubscriberFileBytes at most; a trailing lone word
+    // is ignored, a pair with a word that WordFault refuses is left out, and reading stops after
+    // kMaxSubscribers pairs. Every refusal is logged.
     static std::vector<std::pair<std::string, std::string>> ReadSubscribers(std::istream &in);
 
 private:
@@ -69,11 +90,14 @@ private:
     OrgNimbosHadrixServerInterface *m_RefSkeleton();
     void m_ReleaseSkeleton();
 
+    // Adds the process to the table or gives it the new object name; false when it is new and
+    // the table is full.
+    bool m_StoreSubscriber(const char *processName, const std::string &clientObj);
+
     void m_SaveConnection();
     void m_LoadConnection();
 
-    // Process name -> client object name.
-    std::map<std::string, std::string> m_MapConnection;
+    SubscriberTable m_MapConnection;
     std::mutex m_ConnectionMutex;
 
     std::thread m_ListenerThread;

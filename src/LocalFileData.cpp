@@ -42,6 +42,16 @@ bool WriteAll(int fd, const char *data, size_t size)
     return true;
 }
 
+// What is at a path, for a log line.
+const char *KindOf(mode_t mode)
+{
+    if (S_ISLNK(mode))
+        return "a symbolic link";
+    if (S_ISDIR(mode))
+        return "a directory";
+    return S_ISREG(mode) ? "a regular file" : "a special file";
+}
+
 // Whether name is one of mkostemp's "<prefix>XXXXXX" names.
 bool IsTemporaryOf(const std::string &name, const std::string &prefix)
 {
@@ -102,6 +112,28 @@ bool CLocalFileData::m_IsFileExist(const std::string &path)
     return exists;
 }
 
+// The marker's directory is writable by anyone: what someone else put there (another user's file,
+// a link, a directory) is not the service's marker and is removed, so that the service can make
+// its own. lstat and remove never follow a link.
+bool CLocalFileData::m_IsOwnMarker(const std::string &path)
+{
+    const std::string resolved = nimbos::Path(path);
+    struct stat info;
+    if (lstat(resolved.c_str(), &info) != 0) {
+        LOGD("%s not exist", path.c_str());
+        return false;
+    }
+    if (S_ISREG(info.st_mode) && info.st_uid == geteuid()) {
+        LOGD("%s exist", path.c_str());
+        return true;
+    }
+    LOGW("%s is %s of uid %u, not the service's own marker: removing it", path.c_str(), KindOf(info.st_mode),
+         static_cast<unsigned>(info.st_uid));
+    if (remove(resolved.c_str()) != 0)
+        LOGE("cannot remove %s: %s", path.c_str(), strerror(errno));
+    return false;
+}
+
 void CLocalFileData::m_DeleteFile(const std::string &path)
 {
     if (!m_IsFileExist(path)) {
@@ -120,8 +152,9 @@ void CLocalFileData::m_CreateFile(const std::string &path)
     std::string resolved = nimbos::Path(path);
     MakeParentDirs(resolved);
     // Synchronous open and fsync: the marker must survive a power cut right after it is made.
-    // O_NOFOLLOW: a link planted at the marker's place is never followed.
-    UniqueFd fd(open(resolved.c_str(), O_RDONLY | O_CREAT | O_SYNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    // O_EXCL and O_NOFOLLOW: a file or link planted at the marker's place since the look above is
+    // neither taken for the marker nor followed.
+    UniqueFd fd(open(resolved.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_SYNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
     if (fd.get() < 0) {
         LOGE("open %s fail: %d", path.c_str(), fd.get());
         return;
@@ -183,7 +216,7 @@ void CLocalFileData::AppendToFile(const std::string &path, const char *data, siz
 
 bool CLocalFileData::IsUSBServiceRunning()
 {
-    return m_IsFileExist(HADRIX_RUNNING_FILE);
+    return m_IsOwnMarker(HADRIX_RUNNING_FILE);
 }
 
 void CLocalFileData::SetUSBServiceRunning()

@@ -33,6 +33,8 @@ public:
     // beside it ("<name>.XXXXXX"), so that they do not pile up over the crashes of a lifetime.
     static void RemoveUnfinishedReplacements(const std::string &resolved);
 
+    // Only a regular file of the process's effective user counts as the running marker; anything
+    // else found there is removed (logged), so that SetUSBServiceRunning can make it afresh.
     bool IsUSBServiceRunning();
     void SetUSBServiceRunning();
     bool IsUSBAudioMode();
@@ -52,6 +54,7 @@ private:
     CLocalFileData();
 
     bool m_IsFileExist(const std::string &path);
+    bool m_IsOwnMarker(const std::string &path);
     void m_DeleteFile(const std::string &path);
     void m_CreateFile(const std::string &path);
 

@@ -63,8 +63,8 @@ const Command kCommands[] = {
      "Also says when the service leaves or comes back to the bus.\n",
      RunMonitor},
     {"subscribe", "NAME", "register a subscriber", 1, 1,
-     "Registers the client process NAME (no white space; by convention an application id) as a\n"
-     "subscriber and prints the client object name the service gave it.\n",
+     "Registers the client process NAME (one word of at most 255 bytes; by convention an application\n"
+     "id) as a subscriber and prints the client object name the service gave it.\n",
      RunSubscribe},
     {"unsubscribe", "NAME", "remove a subscriber", 1, 1,
      "Removes the subscriber NAME (an unknown one is no error) and prints its client object name.\n",

@@ -1,6 +1,6 @@
 // The service-application loop on the host: a GLib main loop on the default context that turns
 // SIGTERM/SIGINT into the terminate path and Launch calls on the system bus into app-control
-// callbacks.
+// callbacks. Losing the system bus also ends the loop, as a failure.
 #include "nimbos/app.h"
 
 #include "HostLog.h"
@@ -39,17 +39,35 @@ struct Service {
     void *userData;
 };
 
-// The loop that service_app_exit ends, and an exit request made while none was running yet.
+// The loop that service_app_exit ends, an exit request made while none was running yet, and
+// whether the system bus was lost while it ran.
 std::mutex loopMutex;
 GMainLoop *runningLoop;
 bool exitRequested;
+bool busLost;
+
+void RequestExitLocked()
+{
+    exitRequested = true;
+    if (runningLoop)
+        g_main_loop_quit(runningLoop);
+}
 
 void RequestExit()
 {
     std::lock_guard<std::mutex> lock(loopMutex);
-    exitRequested = true;
-    if (runningLoop)
-        g_main_loop_quit(runningLoop);
+    RequestExitLocked();
+}
+
+// GDBus would raise SIGTERM, which reads as a terminate request; the service instead ends with a
+// failure, so that its service manager starts it again on the new bus. Any thread.
+void OnBusClosed(GDBusConnection *, gboolean remotePeerVanished, GError *error, gpointer)
+{
+    HOST_LOG(DLOG_ERROR, "system bus connection lost (%s): the service ends with a failure status",
+             error ? error->message : remotePeerVanished ? "the bus went away" : "closed");
+    std::lock_guard<std::mutex> lock(loopMutex);
+    busLost = true;
+    RequestExitLocked();
 }
 
 // Publishes the loop for service_app_exit while it exists; a request that is still pending when
@@ -60,6 +78,7 @@ public:
     {
         std::lock_guard<std::mutex> lock(loopMutex);
         runningLoop = loop;
+        busLost = false;
     }
     ~RunningLoop()
     {
@@ -69,6 +88,12 @@ public:
     }
     RunningLoop(const RunningLoop &) = delete;
     RunningLoop &operator=(const RunningLoop &) = delete;
+
+    bool BusLost() const
+    {
+        std::lock_guard<std::mutex> lock(loopMutex);
+        return busLost;
+    }
 };
 
 // g_main_loop_quit before g_main_loop_run is forgotten, so a request made before the loop ran is
@@ -191,6 +216,11 @@ public:
                      error->message);
             return;
         }
+        // The process's shared connection: when it closes, OnBusClosed ends the service as a failure
+        // instead of GDBus raising SIGTERM. The setting is given back with the export.
+        exitOnClose_ = g_dbus_connection_get_exit_on_close(bus_.get());
+        g_dbus_connection_set_exit_on_close(bus_.get(), FALSE);
+        closedHandler_ = g_signal_connect(bus_.get(), "closed", G_CALLBACK(OnBusClosed), nullptr);
         g_autoptr(GDBusNodeInfo) node = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
         static const GDBusInterfaceVTable vtable = {OnMethodCall, nullptr, nullptr, {}};
         registration_ = g_dbus_connection_register_object(bus_.get(), kObjectPath, node->interfaces[0], &vtable,
@@ -206,6 +236,10 @@ public:
     }
     ~AppControlExport()
     {
+        if (closedHandler_) {
+            g_signal_handler_disconnect(bus_.get(), closedHandler_);
+            g_dbus_connection_set_exit_on_close(bus_.get(), exitOnClose_);
+        }
         if (owner_)
             g_bus_unown_name(owner_);
         if (filter_)
@@ -218,18 +252,22 @@ public:
 
 private:
     nimbos::ConnectionRef bus_;
+    gboolean exitOnClose_ = TRUE;
+    gulong closedHandler_ = 0;
     guint registration_ = 0;
     guint filter_ = 0;
     guint owner_ = 0;
 };
 
-void RunLoop(Service *service)
+// Runs the loop until it is ended; true when the system bus was lost.
+bool RunLoop(Service *service)
 {
     g_autoptr(GMainLoop) loop = g_main_loop_new(nullptr, FALSE);
-    AppControlExport appControl(service);
     RunningLoop published(loop);
+    AppControlExport appControl(service);
     SourcePtr pendingExit = Attach(g_idle_source_new(), QuitIfRequested, nullptr, G_PRIORITY_HIGH);
     g_main_loop_run(loop);
+    return published.BusLost();
 }
 
 } // namespace
@@ -249,11 +287,11 @@ extern "C" int service_app_main(int argc, char **argv, service_app_lifecycle_cal
         HOST_LOG(DLOG_ERROR, "create callback failed: the service loop does not run");
         return -ECANCELED;
     }
-    RunLoop(&service);
+    const bool busLost = RunLoop(&service);
     HOST_LOG(DLOG_INFO, "service loop ended");
     if (callback->terminate)
         callback->terminate(user_data);
-    return 0;
+    return busLost ? -ECONNRESET : 0;
 }
 
 extern "C" void service_app_exit(void)

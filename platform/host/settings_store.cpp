@@ -1,20 +1,26 @@
 // Settings store files. One file per key holds one line "<type>:<value>". A write goes to a
 // hidden temporary file beside the key, is fsynced and renamed over the key, so readers (and
 // change watchers, which only react to the rename) never see half a value and a power cut leaves
-// the old or the new one.
+// the old or the new one. A writer killed in the middle leaves its temporary file; the first
+// process to use the store afterwards removes it.
 #include "SettingsStore.h"
 
 #include "HostLog.h"
 #include "UniqueFd.h"
 #include "nimbos/paths.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <ftw.h>
 #include <glib.h>
+#include <mutex>
+#include <set>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,6 +33,14 @@ constexpr size_t kMaxFileSize = 1024 * 1024;
 // Leaves room in NAME_MAX for the temporary file's "." prefix and ".XXXXXX" suffix.
 constexpr size_t kMaxComponentLength = 200;
 constexpr size_t kMaxKeyLength = 1024;
+// A write's temporary file is "." + the key's file name + kTemporarySuffix, whose X's mkostemp
+// replaces with letters and digits.
+constexpr char kTemporarySuffix[] = ".XXXXXX";
+constexpr size_t kTemporarySuffixLength = sizeof kTemporarySuffix - 1;
+// A write whose temporary file a sweep removed before the write locked it starts again.
+constexpr int kTemporaryFileTries = 5;
+// Directories a sweep of the store keeps open at a time.
+constexpr int kSweepOpenDirectories = 16;
 
 struct Store {
     const char *prefix;
@@ -51,6 +65,79 @@ bool IsKeyCharacter(char c)
     return g_ascii_isalnum(c) || (c != '\0' && strchr("._-+@:,", c));
 }
 
+// Why one '/'-separated part of a key is not usable, or nullptr when it is.
+const char *KeyPartFault(const std::string &part)
+{
+    if (part.empty())
+        return "the key has an empty part (\"//\" or a leading '/')";
+    if (part[0] == '.')
+        return "a part of the key starts with '.'";
+    if (part.size() > kMaxComponentLength)
+        return "a part of the key is too long";
+    return nullptr;
+}
+
+// Whether name is exactly what a write's temporary file is called: "." + a key's file name +
+// "." and six letters or digits.
+bool IsTemporaryName(const std::string &name)
+{
+    if (name.size() < 2 + kTemporarySuffixLength || name[0] != '.')
+        return false;
+    const size_t suffix = name.size() - kTemporarySuffixLength;
+    const std::string keyFile = name.substr(1, suffix - 1);
+    return name[suffix] == '.' &&
+           std::all_of(name.begin() + static_cast<std::ptrdiff_t>(suffix) + 1, name.end(),
+                       [](char c) { return g_ascii_isalnum(c); }) &&
+           !KeyPartFault(keyFile) && std::all_of(keyFile.begin(), keyFile.end(), IsKeyCharacter);
+}
+
+// Removes the temporary file at path unless a writer still holds its lock (a live write): a
+// writer that died, however, holds nothing. The file is opened without following a link.
+void RemoveIfAbandoned(const char *path)
+{
+    UniqueFd fd(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat info {};
+    if (!fd || fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode) || flock(fd.get(), LOCK_EX | LOCK_NB) != 0)
+        return;
+    if (unlink(path) == 0)
+        HOST_LOG(DLOG_WARN, "removed %s, left by a settings write that did not finish", path);
+    else
+        HOST_LOG(DLOG_DEBUG, "cannot remove %s, left by a settings write that did not finish: %s", path,
+                 strerror(errno));
+}
+
+int SweepEntry(const char *path, const struct stat *info, int type, struct FTW *where)
+{
+    const char *name = path + where->base;
+    // No key part starts with '.', so nothing below a hidden directory is a write's.
+    if (type == FTW_D && where->level > 0 && name[0] == '.')
+        return FTW_SKIP_SUBTREE;
+    if (type == FTW_F && S_ISREG(info->st_mode) && IsTemporaryName(name))
+        RemoveIfAbandoned(path);
+    return FTW_CONTINUE;
+}
+
+// Removes the temporary files of writes that did not finish from dir and its subdirectories,
+// following no link.
+void RemoveAbandonedTemporaries(const std::string &dir)
+{
+    nftw(dir.c_str(), SweepEntry, kSweepOpenDirectories, FTW_PHYS | FTW_ACTIONRETVAL);
+}
+
+// Every store directory is swept the first time the process uses the store, so that the next
+// process to start after a writer was killed clears what it left.
+void SweepStoresOnce()
+{
+    static std::mutex *mutex = new std::mutex; // never destroyed: used until the process ends
+    static auto *swept = new std::set<std::string>;
+    std::lock_guard<std::mutex> lock(*mutex);
+    for (const Store &store : kStores) {
+        const std::string dir = StoreDirectory(store);
+        if (swept->insert(dir).second)
+            RemoveAbandonedTemporaries(dir);
+    }
+}
+
 // Why name is not a usable key, or nullptr when it is.
 const char *KeyFault(const std::string &name)
 {
@@ -68,13 +155,8 @@ const char *KeyFault(const std::string &name)
     size_t start = 0;
     for (;;) {
         size_t end = name.find('/', start);
-        size_t length = (end == std::string::npos ? name.size() : end) - start;
-        if (length == 0)
-            return "the key has an empty part (\"//\" or a leading '/')";
-        if (name[start] == '.')
-            return "a part of the key starts with '.'";
-        if (length > kMaxComponentLength)
-            return "a part of the key is too long";
+        if (const char *fault = KeyPartFault(name.substr(start, end == std::string::npos ? end : end - start)))
+            return fault;
         if (end == std::string::npos)
             return nullptr;
         start = end + 1;
@@ -258,14 +340,14 @@ bool SyncDirectory(const std::string &dir)
 }
 
 // A new hidden file beside the key ('.' keeps change watchers away from it), removed again
-// unless it was renamed over the key.
+// unless it was renamed over the key. Its lock, held until then, tells a sweep that the write is
+// alive.
 class TempFile {
 public:
-    TempFile(const std::string &dir, const std::string &keyFile) : path_(dir + "/." + keyFile + ".XXXXXX")
+    TempFile(const std::string &dir, const std::string &keyFile)
     {
-        fd_.reset(mkostemp(&path_[0], O_CLOEXEC));
-        if (!fd_)
-            path_.clear();
+        for (int tries = 0; tries < kTemporaryFileTries && !fd_; ++tries)
+            Create(dir + "/." + keyFile + kTemporarySuffix);
     }
     ~TempFile()
     {
@@ -288,8 +370,31 @@ public:
     }
 
 private:
+    // A sweep that came between mkostemp and the lock has removed the file: it is given up, and
+    // the caller tries a new one.
+    void Create(std::string pattern)
+    {
+        UniqueFd fd(mkostemp(&pattern[0], O_CLOEXEC));
+        if (!fd)
+            return;
+        UniqueFd lock(open(pattern.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+        struct stat info {};
+        if (!lock || flock(lock.get(), LOCK_EX) != 0 || fstat(lock.get(), &info) != 0 || info.st_nlink == 0) {
+            const int error = errno;
+            unlink(pattern.c_str()); // unless a sweep has already
+            errno = error;
+            return;
+        }
+        path_ = std::move(pattern);
+        fd_ = std::move(fd);
+        lock_ = std::move(lock);
+    }
+
     std::string path_;
     UniqueFd fd_;
+    // The file opened once more, read-only: it keeps the lock from before the first write until
+    // after the rename, and its closing is no completed write to change watchers.
+    UniqueFd lock_;
 };
 
 bool FillTempFile(TempFile &temp, const std::string &content)
@@ -365,6 +470,7 @@ std::optional<Key> ParseKey(const char *name)
         HOST_LOG(DLOG_ERROR, "settings key \"%s\" refused: %s", name, fault);
         return std::nullopt;
     }
+    SweepStoresOnce();
     return Key{name, StoreDirectory(*store) + "/" + name, store->persistent};
 }
 

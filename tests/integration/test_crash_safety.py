@@ -145,24 +145,36 @@ def test_a_killed_service_leaves_the_depot_whole_and_reads_it_back(tv, wait_for_
     assert hadrix.stop() == 0
 
 
-class Subscribing(threading.Thread):
-    """A client subscribing new names one after the other until the service stops answering;
-    `confirmed` holds the names whose subscription was answered (so saved)."""
+# Names as long as the subscriber file keeps them whole ("obj" + name within 255 bytes), so that
+# a save of a full table takes a while.
+def long_name(prefix, number):
+    return f'{prefix}{number:06d}'.ljust(252, 'x')
 
-    def __init__(self, system_bus):
+
+class Subscribing(threading.Thread):
+    """A client subscribing new names one after the other until the service stops answering; once
+    the table is full it subscribes again the processes `known` to be there (each call still
+    saves the file). `confirmed` holds the names whose subscription was answered (so saved)."""
+
+    def __init__(self, system_bus, known):
         super().__init__(name='subscribing', daemon=True)
         self.connection = system_bus.connect()
+        self.known = sorted(known)
         self.confirmed = []
 
     def run(self):
+        full = False
         for number in itertools.count():
-            name = f'org.example.new{number:06d}'
+            name = self.known[number % len(self.known)] if full else long_name('org.example.new', number)
             try:
                 self.connection.call_blocking(SERVER_NAME, SERVER_PATH, SERVER_IFACE,
                                               'SubscribeHadrixServiceCallback', 's', [name],
                                               timeout=5)
-            except dbus.DBusException:
-                return
+            except dbus.DBusException as error:
+                if error.get_dbus_name() != 'org.freedesktop.DBus.Error.LimitsExceeded':
+                    return
+                full = True
+                continue
             self.confirmed.append(name)
 
 
@@ -170,15 +182,15 @@ class Subscribing(threading.Thread):
 def test_a_service_killed_while_saving_subscribers_keeps_every_confirmed_one(
         daemon, system_bus, hadrix_root):
     seed, rng = seeded()
-    # Enough subscribers from earlier runs that saving them takes a while.
-    expected = {f'org.example.app{number:05d}' for number in range(2000)}
+    # Subscribers from earlier runs, leaving room for a few more.
+    expected = {long_name('org.example.app', number) for number in range(110)}
     hadrix_root.write(SUBSCRIBER_FILE, ''.join(f'{name} obj{name}\n' for name in expected))
     for round_ in range(1, 11):
         hadrix = daemon.start()
         # It reads back every subscriber the last run saved.
         hadrix.log.wait_for('procName[', count=len(expected))
         system_bus.wait_for_name(SERVER_NAME)
-        client = Subscribing(system_bus)
+        client = Subscribing(system_bus, expected)
         client.start()
         time.sleep(rng.uniform(0.05, 0.5))
         kill(hadrix)

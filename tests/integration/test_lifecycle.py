@@ -1,11 +1,16 @@
 """Start-up, application control, watchdog and termination of the service."""
+import os
 import signal
+import stat
 
 import dbus
 import pytest
 
+from conftest import MUTE_KEY
 from simtv.bus import HADRIX_BUS_NAME, launch
 from simtv.log import RED
+
+RUNNING_MARKER = '/tmp/hadrix.running'
 
 
 def test_startup_runs_in_order_and_creates_the_service(daemon):
@@ -65,3 +70,39 @@ def test_terminate_request_runs_terminate_and_exits_0(daemon, system_bus, signum
 
     hadrix.log.wait_for('service_app_terminate', since=mark)
     assert not system_bus.has_owner(HADRIX_BUS_NAME)
+
+
+def test_losing_the_system_bus_ends_the_service_with_a_failure(daemon, system_bus):
+    hadrix = daemon.start()
+    mark = hadrix.log.mark()
+
+    system_bus.restart()
+
+    # A failure, so that the service manager (Restart=on-failure) starts it again.
+    assert hadrix.wait() not in (0, None)
+    assert hadrix.log.find('system bus connection lost', since=mark)
+    hadrix.log.wait_for('service_app_terminate', since=mark)
+
+
+@pytest.mark.parametrize('planted', ['foreign-file', 'dangling-link'])
+def test_a_start_marker_planted_by_someone_else_is_replaced_and_the_first_start_recovers(
+        tv, tmp_path, planted):
+    """The marker lives in a directory anyone may write to: another user's file there must not
+    skip the first start's unmute, nor a dangling link stop the marker being made."""
+    tv.root.set_setting(MUTE_KEY, 1)
+    marker = tv.root / RUNNING_MARKER
+    victim = tmp_path / 'victim'
+    if planted == 'foreign-file':
+        if os.geteuid() != 0:
+            pytest.skip('only root can give a file to another user')
+        marker.write_text('')
+        os.chown(marker, 65534, 65534)
+    else:
+        marker.symlink_to(victim)
+
+    tv.start()
+    # The marker is made just before the unmute.
+    tv.daemon.wait_until(lambda: tv.setting(MUTE_KEY) == '0', what='the first start\'s unmute')
+    made = os.lstat(marker)
+    assert stat.S_ISREG(made.st_mode) and made.st_uid == os.geteuid()
+    assert not os.path.lexists(victim)

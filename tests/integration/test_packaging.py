@@ -9,7 +9,7 @@ from pathlib import Path
 import pytest
 
 from simtv import paths
-from simtv.bus import HADRIX_BUS_NAME
+from simtv.bus import HADRIX_BUS_NAME, restricted_config
 from simtv.client_api import SERVER_IFACE, SERVER_NAME, SERVER_PATH
 from simtv.wait import wait_until
 
@@ -98,30 +98,6 @@ def test_unit_passes_systemd_analyze_verify_and_allows_what_the_service_needs(st
     assert entries == [['d', '/home/owner/apps_rw/hadrix/data']]
 
 
-POLICY_BUS = '''<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>system</type>
-  <listen>unix:path={socket}</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/>
-    <deny own="*"/>
-    <deny send_type="method_call"/>
-    <allow send_type="signal"/>
-    <allow send_requested_reply="true" send_type="method_return"/>
-    <allow send_requested_reply="true" send_type="error"/>
-    <allow receive_type="method_call"/>
-    <allow receive_type="method_return"/>
-    <allow receive_type="error"/>
-    <allow receive_type="signal"/>
-    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
-  </policy>
-  <include>{policy}</include>
-</busconfig>
-'''
-
-
 def gdbus(address, dest, path, method, *arguments, user=None):
     """gdbus call, as `user` (a uid) if given: (exit status, output)."""
     def drop_privileges():
@@ -139,8 +115,8 @@ def test_policy_lets_only_root_own_the_names_and_anyone_call_the_api(staged, soc
     """The service, as root, on a bus with the system bus's default rules plus the policy."""
     directory = socket_dir.path
     directory.chmod(0o755)  # a short path the unprivileged client can reach
-    (directory / 'bus.conf').write_text(POLICY_BUS.format(socket=directory / 'bus',
-                                                          policy=staged / POLICY))
+    (directory / 'bus.conf').write_text(restricted_config(f'unix:path={directory / "bus"}',
+                                                          staged / POLICY))
     bus = subprocess.Popen(['dbus-daemon', f'--config-file={directory / "bus.conf"}', '--nofork',
                             '--print-address=1'], stdout=subprocess.PIPE, text=True)
     try:

@@ -71,3 +71,35 @@ def test_cli_watch_prints_every_change(launcher, settings_cli):
     assert watch.out.lines(since=mark) == [f'{key}=string:second', f'{key}=bool:1']
 
     assert watch.stop(signal.SIGTERM) == 0
+
+
+def temporaries(hadrix_root):
+    """The temporary files of settings writes (".<key file>.XXXXXX") in both stores."""
+    return [path for base in (hadrix_root.settings_dir, hadrix_root.runtime_settings_dir)
+            for path in base.rglob('.*.??????') if path.is_file()]
+
+
+def test_writers_killed_mid_write_leave_no_temporary_after_the_next_start(launcher, settings_cli,
+                                                                          daemon, hadrix_root):
+    keys = ('db/hadrix/crash_test', 'memory/tv-viewer/crash_test')
+    # Values large enough that a write takes a while, and a kill can land inside it.
+    values = ('a' * 100_000, 'b' * 100_000)
+    kills = cut_short = 0
+    for trial in range(300):
+        key, value = keys[trial % 2], values[trial // 2 % 2]
+        earlier = set(temporaries(hadrix_root))
+        writer = launcher.start(settings_cli.path, ['set', key, 'string', value], label='writer')
+        wait_until(lambda: set(temporaries(hadrix_root)) - earlier or writer.returncode is not None,
+                   timeout=10, interval=0, what='a temporary file of the writer, or its end')
+        writer.send_signal(signal.SIGKILL)
+        writer.wait()
+        kills += writer.returncode == -signal.SIGKILL
+        cut_short += bool(set(temporaries(hadrix_root)) - earlier)
+        assert hadrix_root.get_setting(key) in (None, *(('string', v) for v in values))
+        if kills >= 30 and temporaries(hadrix_root):
+            break
+    assert kills >= 30 and temporaries(hadrix_root), f'{kills} kills, no temporary file left'
+    print(f'writes cut short: {cut_short} of {kills} kills')
+
+    daemon.start()
+    assert temporaries(hadrix_root) == []

@@ -65,8 +65,10 @@ typedef struct {
  * launch requests to app_control until the loop ends (service_app_exit or a terminate request:
  * SIGTERM or SIGINT), then calls terminate and returns 0. The launch requests arrive as Launch
  * calls on the bus name "org.nimbos.hadrix" of the system bus; without a system bus the loop runs
- * all the same and no request arrives. When create returns false the loop does not run, terminate
- * is not called, and a negative code is returned. Any callback may be NULL. */
+ * all the same and no request arrives. When the system bus connection is lost while the loop
+ * runs, the loop ends as well, terminate is called, and -ECONNRESET is returned (a failure, for
+ * the service manager to restart the service). When create returns false the loop does not run,
+ * terminate is not called, and another negative code is returned. Any callback may be NULL. */
 int service_app_main(int argc, char **argv, service_app_lifecycle_callback_s *callback, void *user_data);
 /* Ends the loop started by service_app_main. Callable from any thread; a call made before the
  * loop runs (from create, for example) ends the loop as soon as it starts. */

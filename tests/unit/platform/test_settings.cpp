@@ -9,10 +9,12 @@
 #include <cmath>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
 #include <glib.h>
 #include <string>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -20,6 +22,7 @@
 #include <vector>
 
 #include "TempRoot.h"
+#include "UniqueFd.h"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -218,6 +221,36 @@ TEST_F(SettingsTest, RefusedValuesKeepTheOldOneAndAWriteReplacesASymlinkNotItsTa
     EXPECT_FALSE(fs::is_symlink(dir / "level"));
     EXPECT_EQ(temp_.ReadFile(kDb + "db/test/level"), "int:5\n");
     EXPECT_EQ(temp_.ReadFile("/precious"), "keep me");
+}
+
+TEST_F(SettingsTest, FirstUseOfTheStoresRemovesWhatKilledWritesLeftAndNothingElse)
+{
+    // Temporary files of writes cut short, in both stores and in the directories of keys.
+    const std::vector<std::string> leftovers = {kDb + "db/hadrix/.volume_level.a1B2c3", kDb + "db/.top.ZZZZZZ",
+                                                kMemory + "memory/tv-viewer/.show_ext_volume.000000"};
+    // Names a write never gives its temporary file, and one below a hidden directory.
+    const std::vector<std::string> others = {kDb + "db/hadrix/.volume_level.a1B2c", kDb + "db/hadrix/volume_level.a1B2c3",
+                                             kDb + "db/hadrix/.volume_level.a1-2c3", kDb + "db/hadrix/..x.a1B2c3",
+                                             kDb + "db/.hidden/.key.a1B2c3", kMemory + "memory/.key.a1B2c3.x"};
+    const std::string live = kDb + "db/hadrix/.volume_mute_status.qwerty";
+    for (const auto &group : {leftovers, others, {live}})
+        for (const std::string &path : group)
+            temp_.WriteFile(path, "int:1\n");
+    temp_.WriteFile("/victim", "keep me");
+    fs::create_symlink(temp_.Path("/victim"), temp_.Path(kDb + "db/hadrix/.link.a1B2c3"));
+    // A writer still at it holds its temporary file's lock.
+    UniqueFd writing(open(temp_.Path(live).c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(writing.get(), LOCK_EX), 0);
+
+    int level = 0;
+    EXPECT_EQ(vconf_get_int("db/hadrix/volume_level", &level), -1);
+    for (const std::string &path : leftovers)
+        EXPECT_FALSE(temp_.Exists(path)) << path;
+    for (const std::string &path : others)
+        EXPECT_TRUE(temp_.Exists(path)) << path;
+    EXPECT_TRUE(temp_.Exists(live));
+    EXPECT_TRUE(fs::is_symlink(temp_.Path(kDb + "db/hadrix/.link.a1B2c3")));
+    EXPECT_EQ(temp_.ReadFile("/victim"), "keep me");
 }
 
 TEST_F(SettingsTest, CallbacksSeeTheirKeyAtDispatchOnceForEachRegistrationUntilIgnored)

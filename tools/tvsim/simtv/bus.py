@@ -25,6 +25,37 @@ _CONFIG = '''<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configura
 </busconfig>
 '''
 
+# A system bus's default rules, as the machine's own system bus has them (nobody owns a name or
+# calls a method unless a policy file allows it), and one policy file included.
+_RESTRICTED_CONFIG = '''<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>system</type>
+  <listen>{address}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow user="*"/>
+    <deny own="*"/>
+    <deny send_type="method_call"/>
+    <allow send_type="signal"/>
+    <allow send_requested_reply="true" send_type="method_return"/>
+    <allow send_requested_reply="true" send_type="error"/>
+    <allow receive_type="method_call"/>
+    <allow receive_type="method_return"/>
+    <allow receive_type="error"/>
+    <allow receive_type="signal"/>
+    <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/>
+  </policy>
+  <include>{policy}</include>
+</busconfig>
+'''
+
+
+def restricted_config(address, policy):
+    """The configuration of a bus at `address` with the system bus's default rules and the
+    policy file `policy`."""
+    return _RESTRICTED_CONFIG.format(address=address, policy=policy)
+
 
 def stop_process(proc, timeout=5.0):
     """Terminates a child of ours, killing it if it does not go; returns its status."""
@@ -59,23 +90,40 @@ def plain(value):
 
 
 class SystemBus:
-    """A dbus-daemon with a permissive system-bus configuration, listening in `socket_dir`."""
+    """A dbus-daemon as system bus, listening in `socket_dir`: permissive, or with `policy` (a
+    D-Bus policy file) the system bus's default rules and that policy, reachable by any user."""
 
-    def __init__(self, socket_dir, work_dir, timeout=10.0):
-        self.address = f'unix:path={socket_dir / "system_bus_socket"}'
-        config = work_dir / 'system-bus.conf'
-        config.write_text(_CONFIG.format(address=self.address))
+    def __init__(self, socket_dir, work_dir, timeout=10.0, policy=None):
+        self._socket = socket_dir / 'system_bus_socket'
+        self.address = f'unix:path={self._socket}'
+        self.config = work_dir / 'system-bus.conf'
+        self.config.write_text(restricted_config(self.address, policy) if policy else
+                               _CONFIG.format(address=self.address))
         self.logfile = work_dir / 'dbus-daemon.log'
-        self._log = open(self.logfile, 'w')
-        self.proc = subprocess.Popen(
-            ['dbus-daemon', f'--config-file={config}', '--nofork', '--print-address=1'],
-            stdout=subprocess.PIPE, stderr=self._log, stdin=subprocess.DEVNULL)
+        self._for_everyone = bool(policy)
+        if self._for_everyone:
+            socket_dir.path.chmod(0o755)
         self._connections = []
+        self._start(timeout)
+
+    def _start(self, timeout):
+        self._log = open(self.logfile, 'a')
+        self.proc = subprocess.Popen(
+            ['dbus-daemon', f'--config-file={self.config}', '--nofork', '--print-address=1'],
+            stdout=subprocess.PIPE, stderr=self._log, stdin=subprocess.DEVNULL)
         try:
             self._wait_ready(timeout)
         except BaseException:
             self.stop()
             raise
+        if self._for_everyone:
+            self._socket.chmod(0o777)
+
+    def restart(self, timeout=10.0):
+        """Stops the bus and starts a new one at the same address, as a restart of the system
+        bus does: every connection to the old one is lost."""
+        self.stop()
+        self._start(timeout)
 
     def _wait_ready(self, timeout):
         deadline = Deadline(timeout)
