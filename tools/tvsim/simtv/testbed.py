@@ -32,13 +32,15 @@ SOUND_MAJOR = 116
 USB_DEVICE_MAJOR = 189
 # udev's mark of a sound card whose controls are set up: the card is ready for use.
 INITIALIZED_LINE = 'E: SOUND_INITIALIZED=1\n'
-# Sound nodes belong to root and the audio group, 0660, as udev makes them.
+# Sound nodes belong to root and the audio group, 0660, as udev makes them (in a run by another
+# user than root they stay that user's).
 SOUND_NODE_GROUP = 'audio'
 SOUND_NODE_MODE = 0o660
 
 
 def _own_as_sound_node(path):
-    os.chown(path, 0, grp.getgrnam(SOUND_NODE_GROUP).gr_gid)
+    if os.geteuid() == 0:
+        os.chown(path, 0, grp.getgrnam(SOUND_NODE_GROUP).gr_gid)
     os.chmod(path, SOUND_NODE_MODE)
 
 
