@@ -74,30 +74,27 @@ TEST(HostLogTest, OnTheJournalStreamEachLineStartsWithItsSyslogPriority)
     setenv("JOURNAL_STREAM", captured.Identity().c_str(), 1);
     LogOneLineEach();
 
-    const std::vector<std::string> lines = captured.Lines();
-    ASSERT_EQ(lines.size(), 5u);
-    const std::vector<std::string> expected = {"<7>D3", "<6>I4", "<4>W5", "<3>E6", "<2>F7"};
-    for (size_t i = 0; i < lines.size(); ++i) {
+    std::vector<std::string> seen;
+    for (const std::string &line : captured.Lines()) {
         std::smatch m;
-        const std::string rest = lines[i].substr(3);
-        ASSERT_TRUE(std::regex_match(rest, m, kPlainLine)) << lines[i];
-        EXPECT_EQ(lines[i].substr(0, 3) + m[1].str() + m[2].str(), expected[i]);
+        const std::string rest = line.substr(3);
+        EXPECT_TRUE(std::regex_match(rest, m, kPlainLine)) << line;
+        seen.push_back(line.substr(0, 3) + m[1].str() + m[2].str());
     }
+    EXPECT_EQ(seen, (std::vector<std::string>{"<7>D3", "<6>I4", "<4>W5", "<3>E6", "<2>F7"}));
 }
 
 TEST(HostLogTest, ElsewhereTheLinesAreThePlainOnes)
 {
-    for (const char *stream : {"unset", "another inode", "not a pair"}) {
+    for (const std::string stream : {"unset", "another inode", "not a pair"}) {
         CapturedStderr captured;
-        const std::string other = captured.Identity(1);
-        if (stream == std::string("another inode"))
-            setenv("JOURNAL_STREAM", other.c_str(), 1);
-        else if (stream == std::string("not a pair"))
-            setenv("JOURNAL_STREAM", (captured.Identity() + "x").c_str(), 1);
+        if (stream != "unset")
+            setenv("JOURNAL_STREAM", stream == "another inode" ? captured.Identity(1).c_str()
+                                                               : (captured.Identity() + "x").c_str(), 1);
         LogOneLineEach();
 
         const std::vector<std::string> lines = captured.Lines();
-        ASSERT_EQ(lines.size(), 5u) << stream;
+        EXPECT_EQ(lines.size(), 5u) << stream;
         for (const std::string &line : lines)
             EXPECT_TRUE(std::regex_match(line, kPlainLine)) << stream << ": " << line;
     }
