@@ -15,6 +15,7 @@ connects and turns away one it cannot find. So nobody (65534) stands in for it: 
 import grp
 import os
 import subprocess
+from pathlib import Path
 
 from . import paths
 
@@ -56,7 +57,7 @@ class ServiceAccount:
         stand_in = {'passwd': f'{self.name}:x:{STAND_IN_ID}:{STAND_IN_ID}::/:/usr/sbin/nologin\n',
                     'group': f'{self.name}:x:{STAND_IN_ID}:\n'}
         for name, line in stand_in.items():
-            (etc / name).write_text(open(f'/etc/{name}').read() + line)
+            (etc / name).write_text(Path('/etc', name).read_text() + line)
         for tool in (['systemd-sysusers', f'--root={root.path}', str(SYSUSERS)],
                      ['systemd-tmpfiles', f'--root={root.path}', '--create', str(TMPFILES)]):
             subprocess.run(tool, check=True, capture_output=True, text=True, timeout=30)
