@@ -8,7 +8,7 @@ set(CPACK_PACKAGE_DESCRIPTION "hadrix watches USB audio devices (headsets, speak
 with audio), routes the TV sound to a USB headset the viewer plugs in, owns its volume and mute,
 and offers a D-Bus API to client applications. On a PC the platform's own services come from
 D-Bus peers; the package installs the daemon with its systemd unit, D-Bus policy and activation
-files and a udev rule that starts it when a USB sound card appears.")
+files, a udev rule that starts it when a USB sound card appears, and the system user it runs as.")
 set(CPACK_PACKAGE_CONTACT "hadrix developers <hadrix@localhost>")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_COMPONENTS_ALL hadrix)
@@ -20,7 +20,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION sound)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # The shared libraries' packages come from dpkg-shlibdeps (package dpkg-dev).
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "dbus")
+# The maintainer scripts create the service's user (sysusers) and its directories (tmpfiles).
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "dbus, systemd | systemd-sysusers, systemd | systemd-tmpfiles")
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "systemd, udev")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     "${PROJECT_SOURCE_DIR}/data/debian/postinst;${PROJECT_SOURCE_DIR}/data/debian/postrm")

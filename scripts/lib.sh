@@ -34,7 +34,7 @@ HADRIX_PACKAGES=(
   libgtest-dev
   dbus python3 python3-gi python3-dbus python3-dbusmock python3-pytest python3-pytest-timeout
   umockdev gir1.2-umockdev-1.0 faketime libfaketime locales
-  dpkg-dev systemd
+  dpkg-dev systemd util-linux
 )
 
 # Installs those of the given Debian packages that are missing (apt-get; sudo when not root).

@@ -394,7 +394,10 @@ bool CDMesgAnalysis::m_NeedChangeSpeaker(uint32_t detected)
 int CDMesgAnalysis::m_ReadInto(char *buf, size_t size)
 {
     int len = size > static_cast<size_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(size);
+    errno = 0;
     int rc = m_Hooks.readKernelLog(SYSLOG_ACTION_READ_ALL, buf, len);
+    if (rc < 0 && errno == EPERM)
+        m_ReportReadRefused();
     if (rc > len) {
         LOGW("[START] kernel log read claims %d bytes of %d, keeping %d", rc, len, len);
         rc = len;
@@ -402,6 +405,16 @@ int CDMesgAnalysis::m_ReadInto(char *buf, size_t size)
     return rc;
 }
 
+// The kernel refuses its log to a process without CAP_SYSLOG (kernel.dmesg_restrict). Every
+// failed attempt is logged where it fails; the cause is said once, for whoever reads the log.
+void CDMesgAnalysis::m_ReportReadRefused()
+{
+    if (m_ReadRefusalReported)
+        return;
+    m_ReadRefusalReported = true;
+    LOGE("[START] the kernel log cannot be read: permission denied (EPERM); reading it needs "
+         "CAP_SYSLOG. Devices are judged without it, by the uptime alone");
+}
 
 // NULs inside the text become blanks, so that string searches see all of it, and the last byte
 // read ends the text.

@@ -103,6 +103,7 @@ private:
     bool m_ParseFullLog(const LogText &text);
     void m_LogParseResult();
     int m_ReadInto(char *buf, size_t size);
+    void m_ReportReadRefused();
     static LogText m_MakeText(std::unique_ptr<char[]> data, int rc);
     bool m_NeedWaitDetect(uint32_t detected, bool &found) const;
     bool m_NeedChangeSpeaker(uint32_t detected);
@@ -114,6 +115,8 @@ private:
     std::map<std::string, uint32_t> m_DetectedByPort;
     std::mutex m_Mutex;
     bool m_ParsingReady = false;
+    // Reads run with m_Mutex held.
+    bool m_ReadRefusalReported = false;
 
     SystemHooks m_Hooks;
 };

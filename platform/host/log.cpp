@@ -1,12 +1,16 @@
-// Host log: every message is one line on standard error (the journal under systemd).
+// Host log: every message is one line on standard error (the journal under systemd). When
+// standard error is the journal's stream, each line starts with its syslog priority ("<3>"), which
+// journald takes off and keeps as the entry's priority.
 #include "nimbos/log.h"
 
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
@@ -25,6 +29,33 @@ char PriorityLetter(log_priority prio)
     case DLOG_FATAL: return 'F';
     }
     return '?';
+}
+
+// The syslog priority journald files a line under.
+int JournalPriority(log_priority prio)
+{
+    switch (prio) {
+    case DLOG_DEBUG: return 7;
+    case DLOG_INFO: return 6;
+    case DLOG_WARN: return 4;
+    case DLOG_ERROR: return 3;
+    case DLOG_FATAL: return 2;
+    }
+    return 6;
+}
+
+// systemd's stream protocol: JOURNAL_STREAM holds "<device>:<inode>" of the stream it connected
+// to standard error. Checked for every line, since standard error can be replaced at any time.
+bool StderrIsJournal()
+{
+    const char *stream = getenv("JOURNAL_STREAM");
+    uintmax_t device = 0;
+    uintmax_t inode = 0;
+    char rest = 0;
+    if (!stream || sscanf(stream, "%" SCNuMAX ":%" SCNuMAX "%c", &device, &inode, &rest) != 2)
+        return false;
+    struct stat st {};
+    return fstat(STDERR_FILENO, &st) == 0 && st.st_dev == device && st.st_ino == inode;
 }
 
 // "HH:MM:SS.mmm P/tag(pid:tid): ", sized for any tag.
@@ -56,7 +87,9 @@ void MakeOneLine(std::string &body)
 int WriteLine(log_priority prio, const char *tag, std::string body)
 {
     MakeOneLine(body);
-    const std::string line = LineHead(prio, tag) + body + '\n';
+    std::string line = LineHead(prio, tag) + body + '\n';
+    if (StderrIsJournal())
+        line.insert(0, "<" + std::to_string(JournalPriority(prio)) + ">");
     ssize_t written = write(STDERR_FILENO, line.data(), line.size());
     return written < 0 ? -errno : static_cast<int>(written);
 }

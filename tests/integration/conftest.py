@@ -5,6 +5,7 @@ Every fixture that changes how the programs start sets variables or preload libr
 `child_env`; every program started through `launcher` gets the result.
 """
 import json
+import os
 import sys
 from pathlib import Path
 
@@ -34,10 +35,16 @@ _reporters = pytest.StashKey[list]()
 # Tests that may be skipped, by node id, each with the reason. Any other skip fails the run: a
 # test that silently does not run proves nothing.
 ALLOWED_SKIPS = {
-    'test_packaging.py::test_policy_lets_only_root_own_the_names_and_anyone_call_the_api':
-        'the policy gives the names to root: only a run as root can own them and drop to nobody',
+    'test_packaging.py::test_policy_lets_only_the_service_user_own_the_names_and_anyone_call_the_api':
+        'only a run as root can start the service and its clients as other users',
+    'test_unprivileged.py::test_as_its_own_user_with_cap_syslog_alone_the_service_does_its_work':
+        'only a run as root can start the service as another user',
+    'test_unprivileged.py::test_without_cap_syslog_the_refused_kernel_log_is_said_once_and_the_'
+    'service_carries_on':
+        'only a run as root can start the service as another user; with kernel.dmesg_restrict 0 '
+        'the kernel lets every user read its log',
     'test_client_api.py::test_an_unprivileged_caller_cannot_grow_the_subscriber_table_past_its_bound':
-        'the policy gives the names to root: only a run as root can own them and drop to nobody',
+        'only a run as root can run the caller as nobody',
     'test_lifecycle.py::test_a_start_marker_planted_by_someone_else_is_replaced_and_the_first_start_recovers'
     '[foreign-file]': 'only root can give a file to another user',
 }
@@ -98,11 +105,22 @@ def socket_dir():
 SERVICE_POLICY = paths.REPO / 'data' / 'org.nimbos.hadrix.conf'
 
 
+def service_policy_for_this_user(tmp_path):
+    """A copy of the service's policy in which the user the tests run the service as stands in
+    for the service's own user."""
+    policy = SERVICE_POLICY.read_text()
+    assert policy.count('<policy user="hadrix">') == 1
+    copy = tmp_path / 'service-policy.conf'
+    copy.write_text(policy.replace('<policy user="hadrix">', f'<policy user="{os.getuid()}">'))
+    return copy
+
+
 @pytest.fixture
 def system_bus(socket_dir, tmp_path, request):
     """A permissive bus; with the mark "service_policy", one with the system bus's default rules
     and the service's own policy, which every user can reach (and no mock can own a name on)."""
-    policy = SERVICE_POLICY if request.node.get_closest_marker('service_policy') else None
+    marked = request.node.get_closest_marker('service_policy')
+    policy = service_policy_for_this_user(tmp_path) if marked else None
     bus = SystemBus(socket_dir, tmp_path, policy=policy)
     add_reporter(request, bus.report)
     yield bus
@@ -293,19 +311,21 @@ class Tv:
         self.signals = bus_signals
         self.services = self.daemon = self._connection = None
         self.plugged = {}
+        self.mixers = {}
         self._hubs = set()
 
     def start(self, *logs, cards=(1,), boot=(), usb_audio_mode=False, env=None, preload=(),
-              **options):
-        """Starts the service with the `boot` devices there since boot; returns once it has
-        logged each of the `logs` in turn and serves its client API."""
+              command=(), **options):
+        """Starts the service (through `command`, see Daemons.start) with the `boot` devices
+        there since boot; returns once it has logged each of the `logs` in turn and serves its
+        client API."""
         if usb_audio_mode:
             self.root.write(USB_AUDIO_MODE, '')
         for name in boot:
             self.plugged[name] = plug(self.bed, name, self.log, AT_BOOT)
         if self.services is None:
             self.services = self._platform_services(cards=cards, **options)
-        self.daemon = self._daemons.start(env=env, preload=preload)
+        self.daemon = self._daemons.start(env=env, preload=preload, command=command)
         for pattern in logs:
             self.daemon.wait_for_log(pattern, timeout=25)
         self.bus.wait_for_name(SERVER_NAME)
@@ -313,7 +333,7 @@ class Tv:
 
     def plug(self, name, at=LATER, mixer=None):
         """Plugs catalogue device `name` (its card with an emulated mixer of these controls, if
-        given); returns once the service has handled it."""
+        given, kept in `mixers`); returns once the service has handled it."""
         hub = CATALOGUE[name].port.rpartition('.')[0]
         if hub and hub not in self._hubs:
             self._hubs.add(hub)
@@ -321,7 +341,8 @@ class Tv:
         mark = self.daemon.log.mark()
         headset = plug(self.bed, name, self.log, at, initialized=mixer is None)
         if mixer is not None:
-            self.bed.attach_ioctl(headset.control, EmulatedCard(headset.card, mixer))
+            self.mixers[name] = EmulatedCard(headset.card, mixer)
+            self.bed.attach_ioctl(headset.control, self.mixers[name])
             self.bed.initialize(headset)
         self.daemon.wait_for_log('Ondetect info end', since=mark, timeout=10)
         self.plugged[name] = headset

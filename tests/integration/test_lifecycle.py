@@ -1,5 +1,6 @@
 """Start-up, application control, watchdog and termination of the service."""
 import os
+import re
 import signal
 import stat
 
@@ -7,6 +8,7 @@ import dbus
 import pytest
 
 from conftest import MUTE_KEY
+from simtv import paths
 from simtv.bus import HADRIX_BUS_NAME, launch
 from simtv.log import RED
 
@@ -27,6 +29,21 @@ def test_startup_runs_in_order_and_creates_the_service(daemon):
 
     main = hadrix.log.find('hadrix main')[0]
     assert (main.prio, main.tag, main.pid, main.colour, main.file) == ('E', 'hadrix', hadrix.pid, RED, 'src/main.cpp')
+
+
+def test_help_and_version_answer_and_exit_and_other_arguments_are_usage_errors(launcher):
+    """Each run ends by itself (a service started by an argument would not, and time out)."""
+    version = re.search(r'project\(hadrix VERSION (\S+)',
+                        (paths.REPO / 'CMakeLists.txt').read_text()).group(1)
+    hadrix = paths.program('hadrix')
+    results = {args: launcher.run(hadrix, args) for args in
+               [('--help',), ('--version',), ('--verbose',), ('--help', 'now'), ('start',)]}
+    answers = {args: (r.returncode, r.stdout.splitlines()[:1], r.stderr.splitlines()[1:2])
+               for args, r in results.items()}
+    usage = [f'Usage: {hadrix} [--help | --version]']
+    assert answers == {('--help',): (0, usage, []), ('--version',): (0, [f'hadrix {version}'], []),
+                       ('--verbose',): (2, [], usage), ('--help', 'now'): (2, [], usage),
+                       ('start',): (2, [], usage)}
 
 
 def test_launch_requests_reach_app_control_and_wrong_arguments_are_refused(daemon, system_bus):

@@ -1,13 +1,17 @@
 /* Preload library of the simulated platform: klogctl() serves the kernel log from the file named by
  * HADRIX_FAKE_KLOG, read again on every call so a test can append lines while the daemon runs.
  * HADRIX_FAKE_KLOG_SIZE, when set, is the answer to the ring-buffer size query (-1: the query
- * fails). Without HADRIX_FAKE_KLOG every call goes to the real klogctl(). */
+ * fails). With HADRIX_FAKE_KLOG_ACCESS=kernel the real kernel decides whether the caller may read
+ * a log at all: each call first asks the real klogctl() for the buffer size, and its refusal is
+ * the answer (EPERM for a process without CAP_SYSLOG while kernel.dmesg_restrict is 1). Without
+ * HADRIX_FAKE_KLOG every call goes to the real klogctl(). */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -93,11 +97,23 @@ static int read_newest(const char *path, char *bufp, int len)
     return (int)got;
 }
 
+/* Whether the kernel lets this process read its own log (the size query is restricted exactly
+ * as a read is); errno tells why not. */
+static int kernel_grants_access(void)
+{
+    const char *access = getenv("HADRIX_FAKE_KLOG_ACCESS");
+    if (!access || strcmp(access, "kernel") != 0)
+        return 1;
+    return real_klogctl(ACTION_SIZE_BUFFER, NULL, 0) >= 0;
+}
+
 int klogctl(int type, char *bufp, int len)
 {
     const char *path = getenv("HADRIX_FAKE_KLOG");
     if (!path || !*path)
         return real_klogctl(type, bufp, len);
+    if (!kernel_grants_access())
+        return -1;
 
     switch (type) {
     case ACTION_SIZE_BUFFER:

@@ -192,10 +192,12 @@ class Daemons:
         self.launcher = launcher
         self.bus = bus
 
-    def start(self, env=None, preload=(), args=(), ready=True, timeout=10.0):
-        """Starts hadrix. With `ready`, returns once the create callback has run and the
-        service owns its bus name."""
-        daemon = self.launcher.start(paths.program('hadrix'), args, env, preload, label='hadrix')
+    def start(self, env=None, preload=(), args=(), ready=True, timeout=10.0, command=()):
+        """Starts hadrix, through `command` if given (a program that runs the rest of its
+        command line, such as setpriv). With `ready`, returns once the create callback has run
+        and the service owns its bus name."""
+        argv = [*command, paths.program('hadrix'), *args]
+        daemon = self.launcher.start(argv[0], argv[1:], env, preload, label='hadrix')
         if ready:
             daemon.wait_for_log('service_app_create', timeout)
             daemon.wait_until(lambda: self.bus.has_owner(HADRIX_BUS_NAME), timeout,

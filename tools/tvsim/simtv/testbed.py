@@ -16,6 +16,7 @@ lines plus plain files made here (an "N:" line makes a pty that cannot be added 
 removal), and removing a device sends no uevent, so "remove" is sent first, children before
 parents.
 """
+import grp
 import os
 from dataclasses import dataclass, field
 from typing import Dict
@@ -31,6 +32,16 @@ SOUND_MAJOR = 116
 USB_DEVICE_MAJOR = 189
 # udev's mark of a sound card whose controls are set up: the card is ready for use.
 INITIALIZED_LINE = 'E: SOUND_INITIALIZED=1\n'
+# Sound nodes belong to root and the audio group, 0660, as udev makes them (in a run by another
+# user than root they stay that user's).
+SOUND_NODE_GROUP = 'audio'
+SOUND_NODE_MODE = 0o660
+
+
+def _own_as_sound_node(path):
+    if os.geteuid() == 0:
+        os.chown(path, 0, grp.getgrnam(SOUND_NODE_GROUP).gr_gid)
+    os.chmod(path, SOUND_NODE_MODE)
 
 
 def _usb_device_path(port):
@@ -199,10 +210,19 @@ A: dev={USB_DEVICE_MAJOR}:{(bus - 1) * 128 + devnum - 1}
             self._bed.remove_device(path)
 
     def attach_ioctl(self, dev_path, handler):
-        """Serves the ioctls on a /dev node with a UMockdev.IoctlBase handler."""
+        """Serves the ioctls on a /dev node with a UMockdev.IoctlBase handler. A sound node's
+        handler is reached with the node's own rights."""
         if not self._bed.attach_ioctl(dev_path, handler):
             raise RuntimeError(f'cannot attach an ioctl handler to {dev_path}')
         self._attached.append(dev_path)
+        if dev_path.startswith('/dev/snd/'):
+            _own_as_sound_node(os.path.join(self.root, 'ioctl', dev_path.lstrip('/')))
+
+    def admit_other_users(self):
+        """Lets programs under test that run as another user than the test in: they create
+        their uevent sockets in the testbed's root and reach ioctls through its sockets."""
+        os.chmod(self.root, 0o1777)
+        os.chmod(os.path.join(self.root, 'ioctl', '_default'), 0o666)
 
     def detach_ioctl(self, dev_path):
         self._bed.detach_ioctl(dev_path)
@@ -219,3 +239,5 @@ A: dev={USB_DEVICE_MAJOR}:{(bus - 1) * 128 + devnum - 1}
             path = os.path.join(self.root, 'dev', name)
             os.makedirs(os.path.dirname(path), exist_ok=True)
             open(path, 'a').close()
+            if name.startswith('snd/'):
+                _own_as_sound_node(path)
