@@ -89,7 +89,17 @@ gboolean CTimer::m_OnTimeout(gpointer data)
     return again;
 }
 
+// The timeout is gone, whoever removed it (a clock that ends removes what is pending): a timer
+// still linked to it is pending no more.
 void CTimer::m_ForgetArming(gpointer data)
 {
-    delete static_cast<Arming *>(data);
+    auto *arming = static_cast<Arming *>(data);
+    {
+        std::lock_guard<std::mutex> lock(g_armingLock);
+        if (arming->timer) {
+            arming->timer->m_Id = 0;
+            arming->timer->m_pArming = nullptr;
+        }
+    }
+    delete arming;
 }
