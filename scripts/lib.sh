@@ -1,14 +1,17 @@
 # Shared argument handling of the scripts in this folder (sourced, not run).
 
-# Sets SANITIZE, BUILD_DIR and BUILD_TYPE from --sanitize=… and --build-dir DIR; a sanitizer
-# build gets a directory of its own so it never mixes objects with the plain build.
+# Sets SANITIZE, COVERAGE, BUILD_DIR and BUILD_TYPE from --sanitize=…, --coverage and
+# --build-dir DIR; a sanitizer or coverage build gets a directory of its own so it never mixes
+# objects with the plain build.
 parse_build_args() {
   SANITIZE=""
+  COVERAGE=""
   BUILD_DIR="${HADRIX_BUILD_DIR:-}"
   BUILD_TYPE="RelWithDebInfo"
   while (($#)); do
     case "$1" in
       --sanitize=*) SANITIZE="${1#--sanitize=}" ;;
+      --coverage) COVERAGE=1 ;;
       --build-dir) BUILD_DIR="$2"; shift ;;
       --build-dir=*) BUILD_DIR="${1#--build-dir=}" ;;
       *) echo "unknown argument: $1" >&2; exit 2 ;;
@@ -17,12 +20,12 @@ parse_build_args() {
   done
   if [ -z "$BUILD_DIR" ]; then
     case "$SANITIZE" in
-      "") BUILD_DIR="build" ;;
+      "") BUILD_DIR="build"; [ -n "$COVERAGE" ] && BUILD_DIR="build-cov" ;;
       thread) BUILD_DIR="build-tsan" ;;
       *) BUILD_DIR="build-asan" ;;
     esac
   fi
-  [ -n "$SANITIZE" ] && BUILD_TYPE="Debug"
+  [ -n "$SANITIZE" ] || [ -n "$COVERAGE" ] && BUILD_TYPE="Debug"
   export HADRIX_BUILD_DIR="$(cd "$(dirname "$BUILD_DIR")" && pwd)/$(basename "$BUILD_DIR")"
   BUILD_DIR="$HADRIX_BUILD_DIR"
 }
@@ -33,6 +36,7 @@ HADRIX_PACKAGES=(
   libglib2.0-dev libglib2.0-bin libasound2-dev libudev-dev libjsoncpp-dev libsystemd-dev
   libgtest-dev
   dbus python3 python3-gi python3-dbus python3-dbusmock python3-pytest python3-pytest-timeout
+  python3-pytest-xdist gcovr
   umockdev gir1.2-umockdev-1.0 faketime libfaketime locales
   dpkg-dev systemd util-linux
 )
