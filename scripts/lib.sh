@@ -33,7 +33,7 @@ HADRIX_PACKAGES=(
   libglib2.0-dev libglib2.0-bin libasound2-dev libudev-dev libjsoncpp-dev libsystemd-dev
   libgtest-dev
   dbus python3 python3-gi python3-dbus python3-dbusmock python3-pytest python3-pytest-timeout
-  umockdev gir1.2-umockdev-1.0 faketime libfaketime locales
+  umockdev libumockdev-dev gir1.2-umockdev-1.0 faketime libfaketime locales
   dpkg-dev systemd
 )
 
