@@ -71,8 +71,12 @@ TEST_F(GamepadContract, ConnectedGamepadsTakeTheLowestIndexes)
     }
     EXPECT_EQ(found, (std::vector<Pad>{kDualShock, kXbox}));
 
+    driver.DisconnectGamepad(0x054c, 0x09cc);
+    ASSERT_EQ(gamepad_get_connected_device_Info(&info, 0), 1);
+    EXPECT_EQ(Pad({0, info.uid, info.name}), kXbox) << "the one left moves to the lowest index";
+
     strcpy(info.uid, "untouched");
-    EXPECT_EQ(gamepad_get_connected_device_Info(&info, 2), 0) << "no gamepad there";
+    EXPECT_EQ(gamepad_get_connected_device_Info(&info, 1), 0) << "no gamepad there";
     EXPECT_LT(gamepad_get_connected_device_Info(&info, slots), 0);
     EXPECT_LT(gamepad_get_connected_device_Info(&info, -1), 0);
     EXPECT_STREQ(info.uid, "untouched");

@@ -41,6 +41,7 @@ TEST_F(NotificationContract, APostShowsWhatWasSetAndPostingAgainUpdatesIt)
     ASSERT_EQ(notification_set_text(noti, NOTIFICATION_TEXT_CONTENT, "%s is connected to %s", 2, "Headset", "USB"),
               NOTIFICATION_ERROR_NONE);
     ASSERT_EQ(notification_set_layout(noti, 4), NOTIFICATION_ERROR_NONE);
+    ASSERT_EQ(notification_set_image(noti, 0, "/usr/apps/hadrix/shared/res/icon.png"), NOTIFICATION_ERROR_NONE);
     ASSERT_EQ(notification_set_image(noti, 1, "/usr/apps/hadrix/shared/res/guide.svg"), NOTIFICATION_ERROR_NONE);
     ASSERT_EQ(notification_set_display_applist(noti, NOTIFICATION_DISPLAY_AREA_POPUP), NOTIFICATION_ERROR_NONE);
     ASSERT_EQ(notification_set_hide_timeout(noti, 3), NOTIFICATION_ERROR_NONE);
@@ -51,7 +52,7 @@ TEST_F(NotificationContract, APostShowsWhatWasSetAndPostingAgainUpdatesIt)
     ASSERT_EQ(shown.size(), 1u);
     EXPECT_EQ(shown[0].title, "Connected");
     EXPECT_EQ(shown[0].content, "Headset is connected to USB");
-    EXPECT_EQ(shown[0].image, "/srv/root/usr/apps/hadrix/shared/res/guide.svg");
+    EXPECT_EQ(shown[0].image, "/srv/root/usr/apps/hadrix/shared/res/guide.svg") << "the last image set";
     EXPECT_EQ(shown[0].layout, 4);
     EXPECT_EQ(shown[0].displayApplist, NOTIFICATION_DISPLAY_AREA_POPUP);
     EXPECT_EQ(shown[0].hideTimeoutSeconds, 3);

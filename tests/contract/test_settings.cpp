@@ -6,6 +6,8 @@
 
 #include <glib.h>
 
+#include <cmath>
+
 namespace contract {
 namespace {
 
@@ -89,6 +91,7 @@ TEST_F(SettingsContract, KeysOutsideTheStoresAndValuesItCannotHoldAreRefused)
     ASSERT_EQ(vconf_set_str("db/test/name", "old"), 0);
     EXPECT_EQ(vconf_set_str("db/test/name", "two\nlines"), -1);
     EXPECT_EQ(vconf_set_str("db/test/name", nullptr), -1);
+    EXPECT_EQ(vconf_set_dbl("db/test/name", HUGE_VAL), -1);
     EXPECT_EQ(Str("db/test/name"), "old");
 }
 

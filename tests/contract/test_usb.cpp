@@ -78,6 +78,7 @@ std::vector<Seen> List()
 const UsbCard kHeadset{};
 const UsbCard kSpeaker{2, 2, 3, 0x046d, 0x0a44, "USB Speaker", "", 1};
 const UsbCard kWebcam{3, 3, 4, 0x046d, 0x0825, "Webcam C270", "Logitech", 1};
+const UsbCard kVendorAudio{4, 4, 5, 0x0b05, 0x1234, "Vendor Audio", "Vendor", 0xff};
 
 class UsbContract : public ContractTest {
 protected:
@@ -110,8 +111,9 @@ TEST_F(UsbContract, TheListHoldsTheReadyCardsWithTheirProperties)
     driver.PlugCard(kSpeaker, false);
     EXPECT_EQ(List(), std::vector<Seen>{Expected("", kHeadset)}) << "a card not ready yet is not listed";
     driver.MakeCardReady(kSpeaker);
-    EXPECT_EQ(List(), (std::vector<Seen>{Expected("", kHeadset), Expected("", kSpeaker)}))
-        << "a missing manufacturer reads as \"\"";
+    driver.PlugCard(kVendorAudio, true);
+    EXPECT_EQ(List(), (std::vector<Seen>{Expected("", kHeadset), Expected("", kSpeaker), Expected("", kVendorAudio)}))
+        << "a missing manufacturer reads as \"\"; a card behind another interface class reports it";
 
     usb_device_list_s *list = nullptr;
     ASSERT_EQ(usb_device_get_device_list(&list), USB_DEVICE_ERROR_NONE);
