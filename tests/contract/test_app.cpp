@@ -91,9 +91,13 @@ TEST_F(AppContract, AHandleKeepsItsExtraDataInOrderAndReplacesInPlace)
     EXPECT_EQ(value, nullptr);
 
     EXPECT_EQ(app_control_add_extra_data(handle.get(), "", "v"), APP_CONTROL_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(app_control_add_extra_data(handle.get(), "k", nullptr), APP_CONTROL_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(app_control_add_extra_data(handle.get(), "k", "\xff\xfe"), APP_CONTROL_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(app_control_add_extra_data(nullptr, "k", "v"), APP_CONTROL_ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(app_control_set_operation(handle.get(), "\xc3"), APP_CONTROL_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(app_control_set_app_id(handle.get(), "not a bus name"), APP_CONTROL_ERROR_INVALID_PARAMETER);
     EXPECT_EQ(ExtraDataOf(handle.get()).size(), 3u);
+    EXPECT_EQ(Operation(handle.get()), APP_CONTROL_OPERATION_DEFAULT);
 }
 
 TEST_F(AppContract, ALaunchRequestReachesItsTargetAndRepliesBeforeReturning)
