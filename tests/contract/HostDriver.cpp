@@ -119,11 +119,13 @@ void CallLaunch(const std::string &operation, const ExtraData &extraData)
 
 class HostDriver final : public PlatformDriver {
 public:
-    // Before any case: the bus, the watchdog's socket.
+    // Before any case: the bus, the testbed, the watchdog's socket. The bus comes first, while
+    // the process has a single thread: starting it forks a watcher process.
     HostDriver()
     {
         setenv("HADRIX_LOG_LEVEL", "debug", 1);
         m_bus.SetUp();
+        m_testbed.emplace();
         OpenNotifySocket();
     }
 
@@ -152,7 +154,7 @@ public:
     {
         if (m_launcher.joinable())
             m_launcher.join();
-        m_testbed.Clear();
+        m_testbed->Clear();
         if (m_capturedLog)
             StopLogCapture();
         RemoveTree(m_root);
@@ -224,16 +226,16 @@ public:
         return m_watchdog;
     }
 
-    void PlugCard(const UsbCard &card, bool ready) override { m_testbed.PlugCard(card, ready); }
-    void MakeCardReady(const UsbCard &card) override { m_testbed.MakeCardReady(card); }
-    void UnplugCard(const UsbCard &card) override { m_testbed.UnplugCard(card); }
+    void PlugCard(const UsbCard &card, bool ready) override { m_testbed->PlugCard(card, ready); }
+    void MakeCardReady(const UsbCard &card) override { m_testbed->MakeCardReady(card); }
+    void UnplugCard(const UsbCard &card) override { m_testbed->UnplugCard(card); }
 
     void ConnectGamepad(int vendorId, int productId, const std::string &name) override
     {
-        m_testbed.ConnectGamepad(vendorId, productId, name);
+        m_testbed->ConnectGamepad(vendorId, productId, name);
     }
 
-    void DisconnectGamepad(int vendorId, int productId) override { m_testbed.DisconnectGamepad(vendorId, productId); }
+    void DisconnectGamepad(int vendorId, int productId) override { m_testbed->DisconnectGamepad(vendorId, productId); }
 
     // What a peer does on its own reaches the process only through the subscriptions it made
     // before: each waits until the bus has them.
@@ -330,7 +332,7 @@ private:
 
     hadrix::test::PrivateSystemBus m_bus;
     HostPeers m_peers;
-    HostTestbed m_testbed;
+    std::optional<HostTestbed> m_testbed;
     UniqueFd m_notify;
     std::string m_notifyPath;
     WatchdogView m_watchdog;
