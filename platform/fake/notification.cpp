@@ -152,20 +152,19 @@ int Release(notification_h noti, bool takeDown)
     return NOTIFICATION_ERROR_NONE;
 }
 
-std::string FillPlaceholders(const char *text, int argCount, va_list args)
+// The text with its "%s" replaced by the arguments in order.
+std::string FillPlaceholders(const std::string &text, const std::vector<std::string> &arguments)
 {
     std::string result;
-    const std::string source(text);
     size_t from = 0;
-    for (int i = 0; i < argCount; ++i) {
-        const size_t at = source.find(kPlaceholder, from);
-        const char *argument = va_arg(args, const char *);
+    for (const std::string &argument : arguments) {
+        const size_t at = text.find(kPlaceholder, from);
         if (at == std::string::npos)
             break;
-        result += source.substr(from, at - from) + (argument ? argument : "");
+        result += text.substr(from, at - from) + argument;
         from = at + strlen(kPlaceholder);
     }
-    return result + source.substr(from);
+    return result + text.substr(from);
 }
 
 } // namespace
@@ -194,19 +193,22 @@ extern "C" int notification_free(notification_h noti)
 extern "C" int notification_set_text(notification_h noti, notification_text_part_e part, const char *text,
                                      int arg_count, ...)
 {
-    std::string filled = text ? text : "";
-    if (text && arg_count > 0) {
-        va_list args;
-        va_start(args, arg_count);
-        filled = FillPlaceholders(text, arg_count, args);
-        va_end(args);
+    std::vector<std::string> call{Text(static_cast<int>(part)), Text(text), Text(arg_count)};
+    std::vector<std::string> arguments; // a null one stands for ""
+    va_list args;
+    va_start(args, arg_count);
+    for (int i = 0; i < arg_count; ++i) {
+        const char *argument = va_arg(args, const char *);
+        call.push_back(Text(argument));
+        arguments.push_back(argument ? argument : "");
     }
-    if (auto injected = Enter(__func__, {Text(static_cast<int>(part)), Text(text), Text(arg_count), filled}))
+    va_end(args);
+    if (auto injected = Enter(__func__, std::move(call)))
         return *injected;
     if (!noti || !text || arg_count < NOTIFICATION_TEXT_NO_ARGS ||
         (part != NOTIFICATION_TEXT_TITLE && part != NOTIFICATION_TEXT_CONTENT))
         return NOTIFICATION_ERROR_INVALID_PARAMETER;
-    (part == NOTIFICATION_TEXT_TITLE ? noti->shown.title : noti->shown.content) = filled;
+    (part == NOTIFICATION_TEXT_TITLE ? noti->shown.title : noti->shown.content) = FillPlaceholders(text, arguments);
     return NOTIFICATION_ERROR_NONE;
 }
 
