@@ -9,7 +9,9 @@
 #include <cstdarg>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
 
 namespace {
 
@@ -26,6 +28,9 @@ constexpr char kPlaceholder[] = "%s";
 struct notification {
     Notification shown; // what a post shows; its id once posted
     unsigned long listener = 0; // the event callback's registration, 0 without one
+    // Held while its event callback runs, and by whoever stops the callback: the handle is never
+    // freed under a running callback. Recursive: the callback may delete its own handle.
+    std::shared_ptr<std::recursive_mutex> eventLock = std::make_shared<std::recursive_mutex>();
 };
 
 namespace {
@@ -33,6 +38,7 @@ namespace {
 // Who hears that a posted notification went away.
 struct Listener {
     notification *noti;
+    std::shared_ptr<std::recursive_mutex> eventLock;
     int id;
     notification_event_cb cb;
     void *userData;
@@ -51,14 +57,6 @@ Screen &TheScreen()
 {
     static Screen *screen = new Screen;
     return *screen;
-}
-
-// Held while an event callback runs, and by whoever removes a listener: a handle is never freed
-// under a running callback. Recursive: the callback may delete its own handle.
-std::recursive_mutex &EventLock()
-{
-    static auto *lock = new std::recursive_mutex;
-    return *lock;
 }
 
 std::optional<int> Unavailable()
@@ -95,30 +93,37 @@ void Listen(notification &noti, notification_event_cb cb, void *userData)
     std::lock_guard<std::mutex> lock(screen.lock);
     if (!noti.listener)
         noti.listener = nimbos::fake::detail::NewRegistrationId();
-    screen.listeners[noti.listener] = Listener{&noti, noti.shown.id, cb, userData};
+    screen.listeners[noti.listener] = Listener{&noti, noti.eventLock, noti.shown.id, cb, userData};
 }
 
 void StopListening(notification &noti)
 {
-    std::lock_guard<std::recursive_mutex> events(EventLock());
+    std::lock_guard<std::recursive_mutex> events(*noti.eventLock);
     Screen &screen = TheScreen();
     std::lock_guard<std::mutex> lock(screen.lock);
     screen.listeners.erase(noti.listener);
 }
 
+// The listener as it stands, if it still hears about notification id.
+std::optional<Listener> FindListener(unsigned long listener, int id)
+{
+    Screen &screen = TheScreen();
+    std::lock_guard<std::mutex> lock(screen.lock);
+    auto found = screen.listeners.find(listener);
+    if (found == screen.listeners.end() || found->second.id != id)
+        return std::nullopt; // deleted, freed or posted anew meanwhile
+    return found->second;
+}
+
 void DeliverEvent(unsigned long listener, int id, int eventType)
 {
-    std::lock_guard<std::recursive_mutex> events(EventLock());
-    Listener heard{};
-    {
-        Screen &screen = TheScreen();
-        std::lock_guard<std::mutex> lock(screen.lock);
-        auto found = screen.listeners.find(listener);
-        if (found == screen.listeners.end() || found->second.id != id)
-            return; // deleted, freed or posted anew meanwhile
-        heard = found->second;
-    }
-    heard.cb(heard.noti, eventType, heard.userData);
+    const auto heard = FindListener(listener, id);
+    if (!heard)
+        return;
+    std::lock_guard<std::recursive_mutex> events(*heard->eventLock);
+    // Looked at again under the handle's lock: it may have stopped listening in between.
+    if (FindListener(listener, id))
+        heard->cb(heard->noti, eventType, heard->userData);
 }
 
 // Takes the notification off the screen; returns whether it was there.
@@ -328,7 +333,6 @@ namespace detail {
 
 void ResetNotifications()
 {
-    std::lock_guard<std::recursive_mutex> events(EventLock());
     Screen &screen = TheScreen();
     std::lock_guard<std::mutex> lock(screen.lock);
     screen.nextId = 1;
