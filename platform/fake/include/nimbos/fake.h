@@ -42,11 +42,14 @@ void Reset();
 
 // ---- Calls --------------------------------------------------------------------------------------
 
-// One call of a platform function. `function` is the C name ("sound_manager_set_speaker_selection")
-// or, for the audio-control interface, "IAudioControl::<method>". `args` are the input arguments
-// in order, as text: integers in decimal, strings as they are ("(null)" for a null string), bools
-// "1"/"0"; pointers, handles, out-parameters and callbacks are left out. Logging (dlog_*) is not
-// recorded here but in LogLines().
+// One call of a platform function. `function` is the C name ("sound_manager_set_speaker_selection"),
+// "IAudioControl::<method>" for the audio-control interface and "nimbos::Path"/"nimbos::DataRoot"
+// for the C++ path functions. `args` are the input arguments in order, as text: integers in
+// decimal, doubles as printed by a stream, strings as they are ("(null)" for a null string),
+// bools "1"/"0", the strings of notification_set_text's argument list after its count; pointers,
+// handles, out-parameters and callbacks are left out. Accessors (usb_device_get_*,
+// vconf_keynode_get_*, ...) are recorded too, so a test can count how often a device is read.
+// Logging (dlog_*) is not recorded here but in LogLines().
 struct Call {
     std::string function;
     std::vector<std::string> args;
@@ -180,7 +183,9 @@ struct UsbDevice {
     bool operator==(const UsbDevice &other) const;
 };
 
-// The ready cards present, silently: no event is delivered. Replaces / extends the list.
+// Silently, as at boot: no event is delivered, but a card set here that a callback's user sees go
+// is announced as "removed". SetPresentDevices replaces the ready cards present;
+// AddPresentDevice adds one (unless its devpath is there already).
 void SetPresentDevices(const std::vector<UsbDevice> &devices);
 void AddPresentDevice(const UsbDevice &device);
 // The card is plugged in. Ready: it is present and "added" is delivered to the hot-plug callback
