@@ -37,7 +37,7 @@ HADRIX_PACKAGES=(
   libgtest-dev
   dbus python3 python3-gi python3-dbus python3-dbusmock python3-pytest python3-pytest-timeout
   python3-pytest-xdist gcovr
-  umockdev gir1.2-umockdev-1.0 faketime libfaketime locales
+  umockdev libumockdev-dev gir1.2-umockdev-1.0 faketime libfaketime locales
   dpkg-dev systemd util-linux
 )
 

@@ -1,7 +1,8 @@
 /* Audio control: mute, gain and delay of the USB headset output. C++ only.
- * Every operation returns 0 on success and a negative code otherwise (the audio-control service
- * failed, is not running or gave no answer within 1000 ms); a getter writes its result only on
- * success. Values are in the audio-control service's own units and passed through unchanged.
+ * Every operation returns 0 on success, -5 (-EIO) when the audio-control service failed or is not
+ * running, -110 (-ETIMEDOUT) when it gave no answer within 1000 ms and -22 (-EINVAL) for a null
+ * pointer; a getter writes its result only on success. Values are in the audio-control service's
+ * own units and passed through unchanged.
  * Callable from any thread. */
 #pragma once
 

@@ -1,5 +1,7 @@
 /* Settings store: typed values under slash-separated key names.
- * "db/..." keys persist across restarts, "memory/..." keys live until the machine restarts.
+ * "db/..." keys persist across restarts, "memory/..." keys live until the machine restarts; a key
+ * name that starts with neither is refused by every call. A string value is one line (a value
+ * holding a newline is refused) and a double is finite.
  * All calls return 0 on success and -1 on failure unless stated otherwise. */
 #pragma once
 
@@ -36,7 +38,10 @@ int vconf_set_str(const char *key, const char *value);
 int vconf_unset(const char *key);
 
 /* Calls cb on the calling thread's main context after every completed write of key, by any
- * process. One registration per (key, cb) pair; registering it again replaces its user data. */
+ * process, this one included; never during the write itself. The node holds the key as it is when
+ * cb runs. Removing a key is not a write and is not announced, but a callback that runs after a
+ * removal finds the key removed. One registration per (key, cb) pair; registering it again
+ * replaces its user data. */
 int vconf_notify_key_changed(const char *key, vconf_callback_fn cb, void *user_data);
 /* Removes the registration of (key, cb). */
 int vconf_ignore_key_changed(const char *key, vconf_callback_fn cb);

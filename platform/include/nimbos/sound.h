@@ -44,7 +44,8 @@ int sound_manager_set_mute_gain(int type, int gain);
 /* Unmutes the output of the given gain type with a fade-in. */
 int sound_manager_apply_unmute_fade_in(int type);
 
-/* Route of one multiview zone (zone ids come from zones.h). */
+/* Route of one multiview zone (zone ids come from zones.h). A change of a zone's route is
+ * announced to the multiview callback. */
 int sound_manager_get_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e *route, int zone_id);
 int sound_manager_set_multiview_speaker_selection_with_zone_id(sound_tv_output_route_e route, int zone_id);
 /* One callback at a time: setting another replaces it. Unsetting when none is set succeeds. */

@@ -48,10 +48,12 @@ int usb_device_list_get_next(usb_device_list_s *list, usb_device_s **device);
  * free_usb_device_h. */
 typedef void (*usb_connected_cb)(usb_device_s *device, char *action, void *user_data);
 /* Calls cb on the main context of the registering thread for every card added or removed from
- * now on. "added" comes once per card, when it is ready for use; cards already ready when the
- * first callback is set count as added (they are in the device list), so only their removal is
- * reported. "removed" comes for every card that was added, with the data it had then. One
- * callback at a time: setting another replaces it. */
+ * now on, in the order it happened, never during the call that set it. "added" comes once per
+ * card, when it is ready for use; cards already ready when a callback is set while none was (the
+ * first one, or the first after usb_unset_connected_cb) count as added (they are in the device
+ * list), so only their removal is reported. "removed" comes for every card that was added, with
+ * the data it had then. A card unplugged before its "added" was delivered may be announced
+ * neither way. One callback at a time: setting another replaces it. */
 int usb_set_connected_cb(usb_connected_cb cb, void *user_data);
 int usb_unset_connected_cb(void);
 
