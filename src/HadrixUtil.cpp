@@ -11,6 +11,7 @@
 #include "Clock.h"
 #include "Log.h"
 #include "nimbos/app.h"
+#include "nimbos/paths.h"
 #include "nimbos/system_info.h"
 #include "UniqueHandle.h"
 
@@ -64,7 +65,7 @@ bool IsValidIndex(int index)
 
 bool NodeExists(const std::string &path)
 {
-    if (access(path.c_str(), F_OK) == 0)
+    if (access(nimbos::Path(path).c_str(), F_OK) == 0)
         return true;
     LOGE("file %s not exist", path.c_str());
     return false;

@@ -119,6 +119,11 @@ bool CUSBDevice::IsEnumerating() const
     return m_Enumeration.has_value();
 }
 
+bool CUSBDevice::IsParsingKernelLog() const
+{
+    return m_Enumeration && m_Enumeration->parse;
+}
+
 // The kernel-log parse may retry for seconds when the log lacks what it looks for, so it runs on
 // a worker while the main loop goes on; the enumeration continues once it is done.
 void CUSBDevice::m_StartInit(Enumeration::Kind kind, bool parse, bool forceParse)
@@ -148,7 +153,9 @@ void CUSBDevice::m_OnInitParseDone(GObject *, GAsyncResult *result, gpointer dat
     GCancellable *cancellable = g_task_get_cancellable(G_TASK(result));
     if (!data || g_cancellable_is_cancelled(cancellable))
         return; // the manager that asked for it is gone
-    static_cast<CUSBDevice *>(data)->m_AfterInitParse();
+    auto *self = static_cast<CUSBDevice *>(data);
+    self->m_Enumeration->parse.reset();
+    self->m_AfterInitParse();
 }
 
 void CUSBDevice::m_AfterInitParse()

@@ -49,6 +49,8 @@ public:
     void SetResumedFromDeepStandby(bool deep);
     // From the start of InitFromBoot or InitFromStandby until its decision has been taken.
     bool IsEnumerating() const;
+    // While the enumeration under way waits for the kernel-log parse on its worker.
+    bool IsParsingKernelLog() const;
 
     // One hot-plugged device; speakerChange is whether the TV sound is to switch to it.
     void AddDevice(usb_device_s *dev, bool speakerChange);
@@ -95,7 +97,8 @@ private:
         enum class Kind { Boot, Standby } kind;
         int tries = 0;
         int pass = 0;
-        // Cancelled by the destructor so that a parse finishing later does not reach this object.
+        // The parse on its worker, until it is done; cancelled by the destructor so that a parse
+        // finishing later does not reach this object.
         UniqueHandle<GCancellable, g_object_unref> parse;
     };
 

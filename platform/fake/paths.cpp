@@ -13,11 +13,12 @@ namespace {
 struct Root {
     std::mutex lock;
     std::string dir;
+    std::string deviceDir; // where /dev lives in-process; "" for the system's
 };
 
 Root &TheRoot()
 {
-    static Root *root = new Root{{}, getenv("HADRIX_ROOT") ? getenv("HADRIX_ROOT") : ""};
+    static Root *root = new Root{{}, getenv("HADRIX_ROOT") ? getenv("HADRIX_ROOT") : "", {}};
     return *root;
 }
 
@@ -26,6 +27,25 @@ std::string CurrentRoot()
     Root &root = TheRoot();
     std::lock_guard<std::mutex> lock(root.lock);
     return root.dir;
+}
+
+std::string CurrentDeviceRoot()
+{
+    Root &root = TheRoot();
+    std::lock_guard<std::mutex> lock(root.lock);
+    return root.deviceDir;
+}
+
+std::string WithoutTrailingSlashes(std::string dir)
+{
+    while (!dir.empty() && dir.back() == '/')
+        dir.pop_back();
+    return dir;
+}
+
+bool IsDevicePath(const std::string &path)
+{
+    return path.compare(0, 4, "/dev") == 0 && (path.size() == 4 || path[4] == '/');
 }
 
 bool IsKernelPath(const std::string &path)
@@ -53,22 +73,29 @@ void SetRoot(const std::string &dir)
     root.dir = dir;
 }
 
+void SetDeviceRoot(const std::string &dir)
+{
+    Root &root = TheRoot();
+    std::lock_guard<std::mutex> lock(root.lock);
+    root.deviceDir = dir;
+}
+
 namespace detail {
 
 std::string ResolvePath(const std::string &absolute)
 {
+    if (IsDevicePath(absolute) && !CurrentDeviceRoot().empty())
+        return WithoutTrailingSlashes(CurrentDeviceRoot()) + absolute;
     if (absolute.empty() || absolute[0] != '/' || IsKernelPath(absolute))
         return absolute;
-    std::string prefix = CurrentRoot();
-    while (!prefix.empty() && prefix.back() == '/')
-        prefix.pop_back();
-    return prefix + absolute;
+    return WithoutTrailingSlashes(CurrentRoot()) + absolute;
 }
 
 void ResetPaths()
 {
     const char *root = getenv("HADRIX_ROOT");
     SetRoot(root ? root : "");
+    SetDeviceRoot("");
 }
 
 } // namespace detail

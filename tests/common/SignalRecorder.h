@@ -30,6 +30,10 @@ public:
     std::vector<Signal> Signals() const;
     // Waits (at most timeoutMs) until count signals were recorded in all; returns whether.
     bool WaitFor(size_t count, int timeoutMs = 5000) const;
+    // Returns once every signal the bus routed before the call has been recorded: what a test
+    // reads afterwards is all there is (given that the senders' messages reached the bus, see
+    // SyncSystemBus).
+    void Flush();
 
 private:
     static void OnSignal(GDBusConnection *, const gchar *sender, const gchar *path, const gchar *, const gchar *,

@@ -4,6 +4,7 @@
 #include "nimbos/events.h"
 #include "nimbos/fake.h"
 #include "nimbos/keyrouter.h"
+#include "nimbos/paths.h"
 #include "nimbos/settings.h"
 #include "nimbos/sound.h"
 #include "nimbos/usb.h"
@@ -87,6 +88,8 @@ TEST_F(FakeControlTest, ResetDropsPendingDeliveriesAndRestoresTheDefaults)
     fake::SetAvailability(fake::Service::SoundManager, fake::Availability::Missing);
     fake::SetResult("vconf_set_int", -1);
     fake::SetInt("db/test/level", 3);
+    fake::SetDeviceRoot("/srv/devices");
+    EXPECT_EQ(nimbos::Path("/dev/snd/controlC1"), "/srv/devices/dev/snd/controlC1");
     fake::Reset();
     fake::RunPending();
     EXPECT_EQ(heard, 0);
@@ -94,6 +97,7 @@ TEST_F(FakeControlTest, ResetDropsPendingDeliveriesAndRestoresTheDefaults)
     EXPECT_TRUE(fake::Calls().empty());
     EXPECT_EQ(fake::GetInt("db/test/level"), std::nullopt);
     EXPECT_EQ(vconf_set_int("db/test/level", 4), 0);
+    EXPECT_EQ(nimbos::Path("/dev/snd/controlC1"), "/dev/snd/controlC1") << "device nodes back to the system's";
     sound_tv_output_route_e route;
     EXPECT_EQ(sound_manager_get_speaker_selection(&route), SOUND_MANAGER_ERROR_NONE);
 }

@@ -114,6 +114,10 @@ void ClearLog();
 // The installation root put in front of absolute paths, with the host's rules (/dev, /sys and /proc
 // stay as they are; relative paths unchanged). "" means none.
 void SetRoot(const std::string &dir);
+// Where device nodes live for an in-process test, which has no device emulation: with a directory
+// set, paths under /dev resolve inside it (a test makes "<dir>/dev/snd/controlC1" to have card 1's
+// control node). "" (the default after Reset) leaves /dev alone, as the host does.
+void SetDeviceRoot(const std::string &dir);
 
 // ---- settings.h ---------------------------------------------------------------------------------
 // Writes and removals "by another process": the same store the service reads, and a write reaches
