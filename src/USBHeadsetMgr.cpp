@@ -277,7 +277,8 @@ bool CUSBHeadsetMgr::m_HoldWhileEnumerating(HeldEvent &&event)
     const CUSBDevice *usbDevice = CSingleton<CUSBDevice>::PeekInstance();
     if (!usbDevice || !usbDevice->IsEnumerating())
         return false;
-    LOGI("event %d held until the device enumeration ends", static_cast<int>(event.kind));
+    static const char *const kKinds[] = {"hot-plug", "power state", "speaker", "multiview speaker"};
+    LOGI("%s event held until the device enumeration ends", kKinds[static_cast<int>(event.kind)]);
     m_HeldEvents.push_back(std::move(event));
     return true;
 }
