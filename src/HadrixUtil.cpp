@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "Clock.h"
+#include "Decision.h"
 #include "Log.h"
 #include "nimbos/app.h"
 #include "nimbos/system_info.h"
@@ -302,11 +303,16 @@ bool CUsbServiceUtil::IsTVViewerReady()
 
 bool CUsbServiceUtil::IsCamera(const std::string &name, int vendorId, int productId)
 {
+    return CameraRule(name, vendorId, productId) != nullptr;
+}
+
+const char *CUsbServiceUtil::CameraRule(const std::string &name, int vendorId, int productId)
+{
     LOGD("name : %s, vendor: %d, product: %d", name.c_str(), vendorId, productId);
     for (const CameraRow &row : kCameraTable) {
         if (name == row.name) {
             LOGD("same name");
-            return true;
+            return decision::kCameraName;
         }
         unsigned int vendor = 0;
         unsigned int product = 0;
@@ -314,19 +320,24 @@ bool CUsbServiceUtil::IsCamera(const std::string &name, int vendorId, int produc
         sscanf(row.product, "%x", &product);
         if (vendor == static_cast<unsigned int>(vendorId) && product == static_cast<unsigned int>(productId)) {
             LOGD("same vendorId&productId");
-            return true;
+            return decision::kCameraIds;
         }
     }
     LOGD("Not carmera");
-    return false;
+    return nullptr;
 }
 
 bool CUsbServiceUtil::IsAstroProduct(const std::string &name, int vendorId, int productId)
 {
+    return AstroRule(name, vendorId, productId) != nullptr;
+}
+
+const char *CUsbServiceUtil::AstroRule(const std::string &name, int vendorId, int productId)
+{
     LOGD("name: %s, vendorId: %d, productId : %d", name.c_str(), vendorId, productId);
     if (name == "Astro A20" || name == "Astro Gaming")
-        return true;
-    return vendorId == 0x9886 && productId == 0x0047;
+        return decision::kAstroName;
+    return vendorId == 0x9886 && productId == 0x0047 ? decision::kAstroIds : nullptr;
 }
 
 bool CUsbServiceUtil::GetCardNum(const std::string &devPath, int *cardNum)

@@ -6,11 +6,13 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <gio/gio.h>
 
+#include "Decision.h"
 #include "GamepadList.h"
 #include "HadrixDeviceListInfo.h"
 #include "Singleton.h"
@@ -20,6 +22,15 @@
 #include "UsbDeviceSnapshot.h"
 #include "nimbos/gamepad.h"
 #include "nimbos/usb.h"
+
+// Why the output changes hands, for the decision records of the devices it reaches: the event,
+// the rule and its inputs, and the device whose event it was when that is another one.
+struct OutputChange {
+    const char *event = decision::kRouteChange;
+    std::string rule = decision::kAsked;
+    std::string cause;
+    DecisionInputs inputs;
+};
 
 class CUSBDevice : public CSingleton<CUSBDevice> {
     friend class CSingleton<CUSBDevice>;
@@ -50,8 +61,9 @@ public:
     // From the start of InitFromBoot or InitFromStandby until its decision has been taken.
     bool IsEnumerating() const;
 
-    // One hot-plugged device; speakerChange is whether the TV sound is to switch to it.
-    void AddDevice(usb_device_s *dev, bool speakerChange);
+    // One hot-plugged device; speakerChange is whether the TV sound is to switch to it, and why
+    // the judgement that decided it, for the decision record.
+    void AddDevice(usb_device_s *dev, bool speakerChange, const DecisionReason &why = DecisionReason());
     void RemoveDevice(usb_device_s *dev);
 
     // Whether a device of the last run is still expected to come back; leaveAtOnce tells the
@@ -77,9 +89,10 @@ public:
     // product (USBDeviceGamepad.cpp).
     bool CheckWhetherUsbDevice(const std::string &deviceName);
 
-    // Output switching (USBDeviceOutput.cpp).
-    void EnableUSBOutput();
-    void MuteUSBOutput(bool mute);
+    // Output switching (USBDeviceOutput.cpp); `why` goes into the records of the devices that
+    // take or give back the sound.
+    void EnableUSBOutput(const OutputChange &why = OutputChange());
+    void MuteUSBOutput(bool mute, const OutputChange &why = OutputChange());
     void WaitOrDisableUSBOutputByEmptyDeviceList();
 
     // The card's own mixer, kept at its maximum; also driven by the debug commands.
@@ -95,6 +108,8 @@ private:
         enum class Kind { Boot, Standby } kind;
         int tries = 0;
         int pass = 0;
+        // The devices a pass has left out and recorded so: each once per enumeration.
+        std::set<std::string> recorded;
         // Cancelled by the destructor so that a parse finishing later does not reach this object.
         UniqueHandle<GCancellable, g_object_unref> parse;
     };
@@ -110,21 +125,25 @@ private:
     bool m_InitDevice();
     int m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *&list);
     bool m_TakeEnumeratedDevice(usb_device_s *dev);
+    // Records a device an enumeration pass leaves out, once per enumeration.
+    void m_RecordLeftOut(const USBDeviceInfo &info, int card, const char *outcome, const char *rule,
+                         const DecisionInputs &inputs = DecisionInputs());
     void m_OnInitDevicesDone(bool found);
     void m_FinishBoot(bool found);
     void m_FinishStandby(bool found);
     void m_RecordUsbDeviceTable();
     void m_SwitchToUSBSpeakerIfPluggedByUser();
+    void m_RecordPresentAtResume();
 
     bool m_IsDeviceExist(const std::string &devPath);
     device_status m_GetDeviceStatus(const std::string &devPath);
     void m_AppendDevice(const USBDeviceInfo &info);
-    bool m_TakeAstroDevice(const USBDeviceInfo &info);
+    bool m_TakeAstroDevice(const USBDeviceInfo &info, const DecisionInputs &inputs);
     bool m_KeepUnsupportedDevice(const USBDeviceInfo &info, bool warned);
-    void m_RouteToNewDevice(USBDeviceInfo &info);
+    void m_RouteToNewDevice(USBDeviceInfo &info, const DecisionReason &why, const DecisionInputs &inputs);
     void m_ShowNewDevicePopup(USBDeviceInfo &info);
     void m_ReleaseRemovedDevice(const std::string &devPath, int card);
-    std::vector<std::string> m_ShareOutputWithRemaining();
+    std::vector<std::string> m_ShareOutputWithRemaining(const std::string &removedProduct);
     void m_ShowRemainingDevicePopup(const std::vector<std::string> &justTaken);
     void m_OnLastDeviceRemoved();
     static gboolean m_RestVolumeTimerCb(gpointer data);
@@ -137,10 +156,16 @@ private:
     static void m_GamepadConnectionCb(int event, _gamepad_device_info_s info, void *data);
     void m_UpdateGamepadList(int event, const _gamepad_device_info_s &info);
     bool m_CheckGamepad(usb_device_s *device);
+    // The same, telling by which rule (decision::kGamepad...); null for no gamepad.
+    const char *m_GamepadRule(usb_device_s *device);
     static bool m_CheckIDInputJoySticks(int productId, int vendorId);
 
-    // Output switching (USBDeviceOutput.cpp).
-    void m_SwitchToUSBSpeaker();
+    // Output switching (USBDeviceOutput.cpp). `judgedPath`: the device whose judgement switched
+    // the output; the others it reaches take the sound as the first two. Empty: each takes it by
+    // `why` (USB audio mode).
+    void m_SwitchToUSBSpeaker(const OutputChange &why = OutputChange(), const std::string &judgedPath = {});
+    void m_RecordSwitch(const OutputChange &why, const std::string &judgedPath, const std::vector<USBDeviceInfo> &taken,
+                        const std::vector<USBDeviceInfo> &left);
     static bool m_IsUsbSpeakerSelected();
     // Routes the TV sound to the USB headset; in multiview per zone, with the level published to
     // the multiview UI and, when asked, the headset output unmuted.

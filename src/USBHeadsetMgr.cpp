@@ -5,6 +5,7 @@
 
 #include "AudioControlMgr.h"
 #include "DMesgAnalysis.h"
+#include "DecisionLog.h"
 #include "HadrixDbusAPIServer.h"
 #include "HadrixUtil.h"
 #include "KeyEventHandler.h"
@@ -31,6 +32,43 @@ constexpr char kActionRemoved[] = "removed";
 bool IsStandby(unsigned int state)
 {
     return state == kStandbyPowerState || state == kDeepStandbyPowerState;
+}
+
+// The event of a hot-plug action; null for an action the service does not handle.
+const char *HotplugEvent(const char *action)
+{
+    if (strcmp(action, kActionAdded) == 0)
+        return decision::kHotplugAdded;
+    return strcmp(action, kActionRemoved) == 0 ? decision::kHotplugRemoved : nullptr;
+}
+
+// A hot-plug event the filter ends: dropped, or the device left alone.
+void RecordFiltered(const USBDeviceInfo &info, int card, const char *event, const char *outcome, const char *rule,
+                    const DecisionInputs &inputs = DecisionInputs())
+{
+    if (event)
+        CSingleton<CDecisionLog>::GetInstance()->Record(CDecisionLog::About(info, card, event, rule, outcome, inputs));
+}
+
+int64_t KernelTime(uint32_t ms)
+{
+    return ms == CDMesgAnalysis::TIME_UNKNOWN ? decision::kUnknownTime : static_cast<int64_t>(ms);
+}
+
+// Whether the sound is to switch to a device plugged now, and why: the stored USB audio mode,
+// else the kernel log's judgement.
+bool JudgeSwitch(const std::string &devPath, DecisionReason &why)
+{
+    if (CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode()) {
+        why.rule = decision::kUsbAudioMode;
+        why.inputs.usbAudioMode = true;
+        return true;
+    }
+    CDMesgAnalysis::SpeakerJudgement judged;
+    const bool change = CSingleton<CDMesgAnalysis>::GetInstance()->NeedChangeSpeaker(devPath, judged);
+    why = judged.Reason();
+    why.inputs.usbAudioMode = false;
+    return change;
 }
 
 } // namespace
@@ -109,44 +147,58 @@ void CUSBHeadsetMgr::m_DetectUsb(usb_device_s *device, const char *action, CUSBH
         LOGD("");
         return;
     }
+    const char *event = HotplugEvent(action);
     if (self->m_CurPowerState >= kFirstAbnormalPowerState) {
         LOGE("power state is not normal");
+        DecisionInputs inputs;
+        inputs.powerState = static_cast<int32_t>(self->m_CurPowerState);
+        if (event)
+            RecordFiltered(CUsbDeviceSnapshot::Of(device).info, -1, event, decision::kDropped,
+                           decision::kPowerStateNotNormal, inputs);
         return;
     }
     // Read once here; the device manager's steps find what was read.
     const CUsbDeviceSnapshot snapshot(device);
     const UsbDeviceProperties &props = snapshot.Get();
+    const USBDeviceInfo &info = props.info;
     LOGD("class:%d", props.usbClass);
     if (props.usbClass != USB_DEVICE_CLASS_AUDIO) {
         LOGE("Not audio deveice");
+        DecisionInputs inputs;
+        inputs.interfaceClass = props.usbClass;
+        RecordFiltered(info, -1, event, decision::kLeftAlone, decision::kNotAudioInterface, inputs);
         return;
     }
     if (self->m_StandbyTimerId.IsPending()) {
         LOGE("delay to check usb device timer exist");
+        DecisionInputs inputs;
+        inputs.powerChangedMs = KernelTime(CSingleton<CDMesgAnalysis>::GetInstance()->GetPowerChangedTime());
+        inputs.uptimeMs = CUsbServiceUtil::GetUptime();
+        RecordFiltered(info, -1, event, decision::kDropped, decision::kResumePending, inputs);
         return;
     }
 
-    const USBDeviceInfo &info = props.info;
     LOGI("devpath: %s, name:%s, product:%s, vender id:%d, product id:%d, device No.%d", info.strDevPath.c_str(),
          props.devName.c_str(), info.strProductName.c_str(), info.nVendorId, info.nProductId, props.number);
 
     int card = 0;
     if (!CUsbServiceUtil::GetCardNum(info.strDevPath, &card)) {
         LOGE("no card num, ignore");
+        RecordFiltered(info, -1, event, decision::kDropped, decision::kNoCardNumber);
         return;
     }
-    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId)) {
+    if (const char *camera = CUsbServiceUtil::CameraRule(info.strProductName, info.nVendorId, info.nProductId)) {
         LOGE("camera device");
+        RecordFiltered(info, card, event, decision::kLeftAlone, camera);
         return;
     }
 
     CUSBDevice *usbDevice = CSingleton<CUSBDevice>::GetInstance();
     if (strcmp(action, kActionAdded) == 0) {
-        CDMesgAnalysis *analysis = CSingleton<CDMesgAnalysis>::GetInstance();
-        analysis->TriggerParse(true);
-        const bool speakerChange = CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode() ||
-                                   analysis->NeedChangeSpeaker(info.strDevPath);
-        usbDevice->AddDevice(device, speakerChange);
+        CSingleton<CDMesgAnalysis>::GetInstance()->TriggerParse(true);
+        DecisionReason why;
+        const bool speakerChange = JudgeSwitch(info.strDevPath, why);
+        usbDevice->AddDevice(device, speakerChange, why);
     } else if (strcmp(action, kActionRemoved) == 0) {
         usbDevice->RemoveDevice(device);
     }
@@ -183,8 +235,11 @@ void CUSBHeadsetMgr::m_ChangePowerState(const _device_power_state_info &info)
         LOGI("launch delay timer");
         m_StandbyTimerId.Start(kStandbyDetectDelayMs, m_DeviceStandbyDetectDelayTimer, this);
     }
-    if (IsStandby(m_CurPowerState))
-        CSingleton<CUSBDevice>::GetInstance()->MuteUSBOutput(true);
+    if (IsStandby(m_CurPowerState)) {
+        OutputChange why{decision::kPowerChange, decision::kStandby, {}, {}};
+        why.inputs.powerState = static_cast<int32_t>(m_CurPowerState);
+        CSingleton<CUSBDevice>::GetInstance()->MuteUSBOutput(true, why);
+    }
 }
 
 gboolean CUSBHeadsetMgr::m_DeviceStandbyDetectDelayTimer(gpointer data)
@@ -249,7 +304,10 @@ void CUSBHeadsetMgr::m_ApplySpeakerRoute(sound_tv_output_route_e route)
 {
     const bool usbHeadset = route == SOUND_TV_OUTPUT_USB_HEADSET;
     CSingleton<CLocalFileData>::GetInstance()->SetUSBAudioMode(usbHeadset);
-    CSingleton<CUSBDevice>::GetInstance()->MuteUSBOutput(!usbHeadset);
+    OutputChange why{decision::kRouteChange, usbHeadset ? decision::kRouteUsb : decision::kRouteNotUsb,
+                                 {}, {}};
+    why.inputs.route = static_cast<int32_t>(route);
+    CSingleton<CUSBDevice>::GetInstance()->MuteUSBOutput(!usbHeadset, why);
     if (m_pAppCb) {
         LOGI("send event to App");
         m_pAppCb();

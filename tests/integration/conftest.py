@@ -311,9 +311,9 @@ class Tv:
         self.bus.wait_for_name(SERVER_NAME)
         return self.daemon
 
-    def plug(self, name, at=LATER, mixer=None):
+    def plug(self, name, at=LATER, mixer=None, until='Ondetect info end'):
         """Plugs catalogue device `name` (its card with an emulated mixer of these controls, if
-        given); returns once the service has handled it."""
+        given); returns once the service has handled it (logged `until`)."""
         hub = CATALOGUE[name].port.rpartition('.')[0]
         if hub and hub not in self._hubs:
             self._hubs.add(hub)
@@ -323,7 +323,7 @@ class Tv:
         if mixer is not None:
             self.bed.attach_ioctl(headset.control, EmulatedCard(headset.card, mixer))
             self.bed.initialize(headset)
-        self.daemon.wait_for_log('Ondetect info end', since=mark, timeout=10)
+        self.daemon.wait_for_log(until, since=mark, timeout=10)
         self.plugged[name] = headset
         return headset
 

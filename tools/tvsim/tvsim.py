@@ -778,6 +778,12 @@ def _ctl(tv, args):
         tv.ctl(*args)
 
 
+def _why(tv, args):
+    (expect_args(args, 0, 'why [DEVICE]: DEVICE a product name, vendor:product or USB port',
+                 optional=1))
+    tv.ctl('why', *args)
+
+
 def _wait(tv, args):
     usage = 'wait SECONDS (up to 600)'
     (seconds,) = expect_args(args, 1, usage)
@@ -811,6 +817,8 @@ COMMANDS = {
     'language': Command('language NAME', f'the menu language ({", ".join(LANGUAGES)})', _language),
     'ctl': Command('ctl ARGS...', 'hadrixctl ARGS... (ctl devices, ctl monitor, '
                                   'ctl debug localFileData volumeUp)', _ctl),
+    'why': Command('why [DEVICE]', 'what the service decided about each device and why '
+                                   '(hadrixctl why)', _why),
     'state': Command('state', 'what the TV knows now', _no_args(SimulatedTV.state, 'state')),
     'wait': Command('wait SECONDS', 'just watch', _wait),
     'help': Command('help', 'this list', lambda tv, args: print(commands_help(), flush=True)),
