@@ -135,6 +135,8 @@ def test_policy_lets_only_root_own_the_names_and_anyone_call_the_api(staged, soc
                  False, 'AccessDenied'),
                 ((SERVER_NAME, SERVER_PATH, f'{SERVER_IFACE}.check_dbus_connection', 'player'),
                  True, "('objplayer',)"),
+                ((SERVER_NAME, '/org/nimbos/hadrix/Diagnostics',
+                  'org.nimbos.hadrix.Diagnostics.GetHistory', 'uint32 5'), True, '(@aa{sv} [],)'),
                 # Launch requests carry debug commands: root only.
                 ((HADRIX_BUS_NAME, '/org/nimbos/AppControl', 'org.nimbos.AppControl.Launch',
                   'default', '[]'), False, 'AccessDenied')]:
