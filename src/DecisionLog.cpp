@@ -400,22 +400,28 @@ void CDecisionLog::m_Load()
     LOGI("decision history: %zu records, %zu devices", m_History.size(), m_Verdicts.size());
 }
 
+// One record at a time, so that the whole history is never a JSON tree in memory: the text is
+// a fraction of its size.
+template <typename Record>
+std::string JsonArray(const std::vector<Record> &records, const Json::StreamWriterBuilder &builder)
+{
+    std::string text = "[";
+    for (const Record &record : records) {
+        if (text.size() > 1)
+            text += ',';
+        text += Json::writeString(builder, ToJson(record));
+    }
+    return text + "]";
+}
+
 std::string CDecisionLog::Serialize(const Contents &contents)
 {
-    Json::Value root(Json::objectValue);
-    root["format"] = kFormat;
-    root["version"] = kVersion;
-    root["last_seq"] = static_cast<Json::Int64>(contents.lastSeq);
-    Json::Value &history = root["history"] = Json::Value(Json::arrayValue);
-    for (const Decision &decision : contents.history)
-        history.append(ToJson(decision));
-    Json::Value &verdicts = root["verdicts"] = Json::Value(Json::arrayValue);
-    for (const Verdict &verdict : contents.verdicts)
-        verdicts.append(ToJson(verdict));
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     builder["emitUTF8"] = true;
-    return Json::writeString(builder, root) + "\n";
+    return std::string("{\"format\":\"") + kFormat + "\",\"version\":" + std::to_string(kVersion) +
+           ",\"last_seq\":" + std::to_string(contents.lastSeq) + ",\"history\":" +
+           JsonArray(contents.history, builder) + ",\"verdicts\":" + JsonArray(contents.verdicts, builder) + "}\n";
 }
 
 bool CDecisionLog::Parse(const std::string &text, Contents &contents, std::string &fault, size_t &skipped)

@@ -12,13 +12,19 @@ namespace {
 
 using namespace hadrix::diagnostics;
 
+// Each record is serialised as it is added, which frees its tree of values: the reply never
+// holds the whole history as a tree.
 template <typename Record>
 GVariant *Dictionaries(const std::vector<Record> &records)
 {
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("aa{sv}"));
-    for (const Record &record : records)
-        g_variant_builder_add_value(&builder, JsonToVariant(ToJson(record)));
+    for (const Record &record : records) {
+        GVariant *dictionary = g_variant_ref_sink(JsonToVariant(ToJson(record)));
+        g_variant_get_data(dictionary);
+        g_variant_builder_add_value(&builder, dictionary);
+        g_variant_unref(dictionary);
+    }
     return g_variant_builder_end(&builder);
 }
 
