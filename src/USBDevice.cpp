@@ -146,8 +146,8 @@ bool CUSBDevice::IsEnumerating() const
 void CUSBDevice::m_StartInit(Enumeration::Kind kind, bool parse, bool forceParse)
 {
     m_AbandonInitParse();
-    m_Enumeration.emplace();
-    m_Enumeration->kind = kind;
+    m_Enumeration.emplace(kind);
+    m_LeftOutRecorded.clear();
     if (!parse) {
         m_AfterInitParse();
         return;
@@ -324,7 +324,7 @@ bool CUSBDevice::m_TakeEnumeratedDevice(usb_device_s *dev)
 void CUSBDevice::m_RecordLeftOut(const USBDeviceInfo &info, int card, const char *outcome, const char *rule,
                                 const DecisionInputs &inputs)
 {
-    if (!m_Enumeration->recorded.insert(info.strDevPath).second)
+    if (!m_LeftOutRecorded.insert(info.strDevPath).second)
         return;
     const char *event = m_Enumeration->kind == Enumeration::Kind::Boot ? decision::kStartupEnumeration
                                                                        : decision::kResumeEnumeration;

@@ -105,11 +105,13 @@ private:
     // A start-up or resume enumeration under way: a kernel-log parse on a worker, then passes
     // over the library's device list on the main loop, 1000 ms apart until one finds devices.
     struct Enumeration {
-        enum class Kind { Boot, Standby } kind;
+        enum class Kind { Boot, Standby };
+        // Declared, so that std::optional need not look at the member initialisers while this
+        // class is still incomplete (clang refuses that).
+        explicit Enumeration(Kind of) : kind(of) {}
+        Kind kind;
         int tries = 0;
         int pass = 0;
-        // The devices a pass has left out and recorded so: each once per enumeration.
-        std::set<std::string> recorded;
         // Cancelled by the destructor so that a parse finishing later does not reach this object.
         UniqueHandle<GCancellable, g_object_unref> parse;
     };
@@ -200,4 +202,7 @@ private:
 
     bool m_ResumedFromDeepStandby = false;
     std::optional<Enumeration> m_Enumeration;
+    // The devices the passes of the enumeration under way have left out and recorded so: each
+    // once per enumeration.
+    std::set<std::string> m_LeftOutRecorded;
 };

@@ -604,6 +604,9 @@ def demo(tv):
     scene('Devices that are not for the TV sound')
     tv.plug_and_watch('webcam')
     tv.plug_and_watch('gamepad')
+    say('tv', 'support asks the service why it left them alone')
+    tv.ctl('why')
+    tv.settle(0.3)
 
     scene("A headset of the viewer's")
     tv.plug_and_watch('headset', then=0.6)
@@ -631,6 +634,7 @@ def demo(tv):
     scene('More headsets: two carry the sound, a third waits')
     tv.plug_and_watch('headset2')
     tv.plug_and_watch('headset3', then=0.6)
+    tv.ctl('why', 'Arctis 1 Wireless')
     tv.key('down')
     tv.settle(0.8)
 
@@ -660,6 +664,7 @@ def demo(tv):
     tv.resume()
     tv.settle_until('switch to usb speaker as it is usb audio mode...', 8)
     tv.settle(1.2)  # the gamepad library is asked again a second later
+    tv.ctl('why')
 
     scene('An engineer asks the service directly')
     tv.ctl('debug', 'audio_control', 'getUsbOutGain')
