@@ -784,9 +784,8 @@ def _ctl(tv, args):
 
 
 def _why(tv, args):
-    (expect_args(args, 0, 'why [DEVICE]: DEVICE a product name, vendor:product or USB port',
-                 optional=1))
-    tv.ctl('why', *args)
+    """why [DEVICE]: a product name may hold blanks."""
+    tv.ctl('why', *([' '.join(args)] if args else []))
 
 
 def _wait(tv, args):
