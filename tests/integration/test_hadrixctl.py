@@ -85,8 +85,13 @@ def test_json_for_scripts_and_clear_refusals(tv, launcher, hadrixctl):
         'port); it knows:\n  Evolve 20 (Jabra, 0b0e:0300, port 1-1, card 1)\n'
         '  H390 USB Headset (Logitech, 046d:0a44, port 1-2, card 2)\n')
 
-    # The diagnostics interface takes no other arguments than it declares.
+    # The diagnostics interface shows itself, and takes no other arguments than it declares.
     connection = tv.bus.connect()
+    described = connection.call_blocking(SERVER_NAME, '/org/nimbos/hadrix/Diagnostics',
+                                         'org.freedesktop.DBus.Introspectable', 'Introspect', '', [])
+    assert all(part in described for part in (
+        '<interface name="org.nimbos.hadrix.Diagnostics">', '<method name="GetVerdicts">',
+        '<arg type="u" name="count" direction="in"/>', '<signal name="Decision">'))
     for method, signature, args in [('GetHistory', 's', ['all']), ('GetHistory', '', []),
                                     ('GetVerdicts', 'u', [3])]:
         with pytest.raises(dbus.exceptions.DBusException) as refused:
