@@ -355,15 +355,10 @@ bool CDMesgAnalysis::NeedChangeSpeaker(int vendorId, int productId)
     return m_NeedChangeSpeaker(GetUsbDeviceDetectedByDriverTime(vendorId, productId), why);
 }
 
-bool CDMesgAnalysis::NeedChangeSpeaker(const std::string &devPath)
+bool CDMesgAnalysis::NeedChangeSpeaker(const std::string &devPath, SpeakerJudgement *why)
 {
-    SpeakerJudgement why;
-    return NeedChangeSpeaker(devPath, why);
-}
-
-bool CDMesgAnalysis::NeedChangeSpeaker(const std::string &devPath, SpeakerJudgement &why)
-{
-    return m_NeedChangeSpeaker(GetUsbDetectedTimeByDevPath(devPath), why);
+    SpeakerJudgement judged;
+    return m_NeedChangeSpeaker(GetUsbDetectedTimeByDevPath(devPath), why ? *why : judged);
 }
 
 // All arithmetic is unsigned 32-bit on purpose: unknown (all bits set) and wrapped differences

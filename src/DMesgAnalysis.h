@@ -70,9 +70,8 @@ public:
     bool NeedWaitDetect(int vendorId, int productId, bool &found);
     bool NeedWaitDetect(const std::string &devPath, bool &found);
     bool NeedChangeSpeaker(int vendorId, int productId);
-    bool NeedChangeSpeaker(const std::string &devPath);
-    // The same, telling in `why` what it compared and which judgement decided.
-    bool NeedChangeSpeaker(const std::string &devPath, SpeakerJudgement &why);
+    // `why`, when given, is told what the judgement compared and which of its rules decided.
+    bool NeedChangeSpeaker(const std::string &devPath, SpeakerJudgement *why = nullptr);
 
 protected:
     CDMesgAnalysis();

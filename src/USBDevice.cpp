@@ -294,10 +294,9 @@ bool CUSBDevice::m_TakeEnumeratedDevice(usb_device_s *dev)
         return false;
     }
     USBDeviceInfo info = MakeRecord(device, card);
-    const char *notForSound = CUsbServiceUtil::CameraRule(info.strProductName, info.nVendorId, info.nProductId);
-    if (!notForSound)
-        notForSound = m_GamepadRule(dev);
-    if (notForSound) {
+    const char *notForSound = nullptr;
+    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId, &notForSound) ||
+        m_CheckGamepad(dev, &notForSound)) {
         m_RecordLeftOut(info, card, decision::kLeftAlone, notForSound);
         return false;
     }
@@ -305,7 +304,8 @@ bool CUSBDevice::m_TakeEnumeratedDevice(usb_device_s *dev)
         LOGD("device have been exist");
         return true;
     }
-    if (const char *astro = CUsbServiceUtil::AstroRule(info.strProductName, info.nVendorId, info.nProductId)) {
+    const char *astro = nullptr;
+    if (CUsbServiceUtil::IsAstroProduct(info.strProductName, info.nVendorId, info.nProductId, &astro)) {
         // Not usable: kept aside to be warned about, never taken into the attached list.
         LOGI("Astro device");
         if (m_KeepUnsupportedDevice(info, false)) {
@@ -369,7 +369,7 @@ void CUSBDevice::m_SwitchToUSBSpeakerIfPluggedByUser()
     CDMesgAnalysis *analysis = CSingleton<CDMesgAnalysis>::GetInstance();
     for (const USBDeviceInfo &device : GetDevices()) {
         CDMesgAnalysis::SpeakerJudgement judged;
-        const bool pluggedByUser = analysis->NeedChangeSpeaker(device.strDevPath, judged);
+        const bool pluggedByUser = analysis->NeedChangeSpeaker(device.strDevPath, &judged);
         DecisionReason why = judged.Reason();
         why.inputs.usbAudioMode = false;
         if (pluggedByUser) {
@@ -452,7 +452,8 @@ void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange, const Decision
         LOGI("device have been exist");
         return;
     }
-    if (const char *gamepad = m_GamepadRule(dev)) {
+    const char *gamepad = nullptr;
+    if (m_CheckGamepad(dev, &gamepad)) {
         LOGI("gamepad");
         SendWarning(KPI_WARNING_UNSUPPORTED_DEVICE, device.info.strProductName);
         Record(CDecisionLog::About(device.info, -1, decision::kHotplugAdded, gamepad, decision::kLeftAlone));
@@ -493,8 +494,8 @@ void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange, const Decision
 // list, and the output goes to the attached devices. True when dev is one.
 bool CUSBDevice::m_TakeAstroDevice(const USBDeviceInfo &info, const DecisionInputs &inputs)
 {
-    const char *astro = CUsbServiceUtil::AstroRule(info.strProductName, info.nVendorId, info.nProductId);
-    if (!astro)
+    const char *astro = nullptr;
+    if (!CUsbServiceUtil::IsAstroProduct(info.strProductName, info.nVendorId, info.nProductId, &astro))
         return false;
     LOGI("Astro device");
     Record(CDecisionLog::About(info, info.nCardNum, decision::kHotplugAdded, astro, decision::kNotSupported, inputs));

@@ -157,9 +157,9 @@ private:
     void m_InitGamepadList();
     static void m_GamepadConnectionCb(int event, _gamepad_device_info_s info, void *data);
     void m_UpdateGamepadList(int event, const _gamepad_device_info_s &info);
-    bool m_CheckGamepad(usb_device_s *device);
-    // The same, telling by which rule (decision::kGamepad...); null for no gamepad.
-    const char *m_GamepadRule(usb_device_s *device);
+    // `rule`, when given, is set to the rule that recognised the gamepad (decision::kGamepad…).
+    bool m_CheckGamepad(usb_device_s *device, const char **rule = nullptr);
+    const char *m_MatchGamepad(usb_device_s *device);
     static bool m_CheckIDInputJoySticks(int productId, int vendorId);
 
     // Output switching (USBDeviceOutput.cpp). `judgedPath`: the device whose judgement switched

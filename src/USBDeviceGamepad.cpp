@@ -104,12 +104,15 @@ void CUSBDevice::m_UpdateGamepadList(int event, const _gamepad_device_info_s &in
     m_GamepadList.Update(event, info);
 }
 
-bool CUSBDevice::m_CheckGamepad(usb_device_s *device)
+bool CUSBDevice::m_CheckGamepad(usb_device_s *device, const char **rule)
 {
-    return m_GamepadRule(device) != nullptr;
+    const char *matched = m_MatchGamepad(device);
+    if (rule)
+        *rule = matched;
+    return matched != nullptr;
 }
 
-const char *CUSBDevice::m_GamepadRule(usb_device_s *device)
+const char *CUSBDevice::m_MatchGamepad(usb_device_s *device)
 {
     LOGD("m_CheckGamepadDevice");
     const USBDeviceInfo info = CUsbDeviceSnapshot::Of(device).info;

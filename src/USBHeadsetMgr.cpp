@@ -65,7 +65,7 @@ bool JudgeSwitch(const std::string &devPath, DecisionReason &why)
         return true;
     }
     CDMesgAnalysis::SpeakerJudgement judged;
-    const bool change = CSingleton<CDMesgAnalysis>::GetInstance()->NeedChangeSpeaker(devPath, judged);
+    const bool change = CSingleton<CDMesgAnalysis>::GetInstance()->NeedChangeSpeaker(devPath, &judged);
     why = judged.Reason();
     why.inputs.usbAudioMode = false;
     return change;
@@ -187,7 +187,8 @@ void CUSBHeadsetMgr::m_DetectUsb(usb_device_s *device, const char *action, CUSBH
         RecordFiltered(info, -1, event, decision::kDropped, decision::kNoCardNumber);
         return;
     }
-    if (const char *camera = CUsbServiceUtil::CameraRule(info.strProductName, info.nVendorId, info.nProductId)) {
+    const char *camera = nullptr;
+    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId, &camera)) {
         LOGE("camera device");
         RecordFiltered(info, card, event, decision::kLeftAlone, camera);
         return;

@@ -415,7 +415,7 @@ TEST_F(DMesgAnalysisTest, ChangeSpeakerAtTheBoundaries)
         const std::string &path = c.otherPort ? PATH_1_2_3 : PATH_1_1;
         EXPECT_EQ(fresh.NeedChangeSpeaker(path), c.plugIn);
         CDMesgAnalysis::SpeakerJudgement why;
-        EXPECT_EQ(fresh.NeedChangeSpeaker(path, why), c.plugIn);
+        EXPECT_EQ(fresh.NeedChangeSpeaker(path, &why), c.plugIn);
         EXPECT_STREQ(why.rule, c.rule);
         const uint32_t detected = c.otherPort ? UNKNOWN : c.detected;
         EXPECT_EQ(std::make_tuple(why.detected, why.core, why.power, why.now),
