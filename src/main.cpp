@@ -97,6 +97,9 @@ bool service_app_create(void *)
 void service_app_terminate(void *)
 {
     LOGE("service_app_terminate");
+    // The heartbeat ends with the loop: left pending, the timer's destruction at exit would ask
+    // a clock that may be destroyed before it to remove the timeout.
+    g_heartbeat.Stop();
     usb_device_fini();
     CSingleton<CUSBAPIServer>::GetInstance()->DestroyListener();
     // A "Start" or "Stop" still on its way to the audio server is finished, not cut off.
