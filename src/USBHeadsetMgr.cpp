@@ -148,51 +148,13 @@ void CUSBHeadsetMgr::m_DetectUsb(usb_device_s *device, const char *action, CUSBH
         return;
     }
     const char *event = HotplugEvent(action);
-    if (self->m_CurPowerState >= kFirstAbnormalPowerState) {
-        LOGE("power state is not normal");
-        DecisionInputs inputs;
-        inputs.powerState = static_cast<int32_t>(self->m_CurPowerState);
-        if (event)
-            RecordFiltered(CUsbDeviceSnapshot::Of(device).info, -1, event, decision::kDropped,
-                           decision::kPowerStateNotNormal, inputs);
+    if (self->m_DroppedInLowPower(device, event))
         return;
-    }
     // Read once here; the device manager's steps find what was read.
     const CUsbDeviceSnapshot snapshot(device);
-    const UsbDeviceProperties &props = snapshot.Get();
-    const USBDeviceInfo &info = props.info;
-    LOGD("class:%d", props.usbClass);
-    if (props.usbClass != USB_DEVICE_CLASS_AUDIO) {
-        LOGE("Not audio deveice");
-        DecisionInputs inputs;
-        inputs.interfaceClass = props.usbClass;
-        RecordFiltered(info, -1, event, decision::kLeftAlone, decision::kNotAudioInterface, inputs);
+    const USBDeviceInfo &info = snapshot.Get().info;
+    if (!self->m_PassesFilter(snapshot.Get(), event))
         return;
-    }
-    if (self->m_StandbyTimerId.IsPending()) {
-        LOGE("delay to check usb device timer exist");
-        DecisionInputs inputs;
-        inputs.powerChangedMs = KernelTime(CSingleton<CDMesgAnalysis>::GetInstance()->GetPowerChangedTime());
-        inputs.uptimeMs = CUsbServiceUtil::GetUptime();
-        RecordFiltered(info, -1, event, decision::kDropped, decision::kResumePending, inputs);
-        return;
-    }
-
-    LOGI("devpath: %s, name:%s, product:%s, vender id:%d, product id:%d, device No.%d", info.strDevPath.c_str(),
-         props.devName.c_str(), info.strProductName.c_str(), info.nVendorId, info.nProductId, props.number);
-
-    int card = 0;
-    if (!CUsbServiceUtil::GetCardNum(info.strDevPath, &card)) {
-        LOGE("no card num, ignore");
-        RecordFiltered(info, -1, event, decision::kDropped, decision::kNoCardNumber);
-        return;
-    }
-    const char *camera = nullptr;
-    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId, &camera)) {
-        LOGE("camera device");
-        RecordFiltered(info, card, event, decision::kLeftAlone, camera);
-        return;
-    }
 
     CUSBDevice *usbDevice = CSingleton<CUSBDevice>::GetInstance();
     if (strcmp(action, kActionAdded) == 0) {
@@ -208,6 +170,57 @@ void CUSBHeadsetMgr::m_DetectUsb(usb_device_s *device, const char *action, CUSBH
     self->m_SetKeyGrabOrUngrab();
     CUSBAPIServer::m_SendEventToClient(nullptr);
     LOGI("Ondetect info end");
+}
+
+bool CUSBHeadsetMgr::m_DroppedInLowPower(usb_device_s *device, const char *event)
+{
+    if (m_CurPowerState < kFirstAbnormalPowerState)
+        return false;
+    LOGE("power state is not normal");
+    DecisionInputs inputs;
+    inputs.powerState = static_cast<int32_t>(m_CurPowerState);
+    if (event)
+        RecordFiltered(CUsbDeviceSnapshot::Of(device).info, -1, event, decision::kDropped,
+                       decision::kPowerStateNotNormal, inputs);
+    return true;
+}
+
+// The filter's steps after the power state, in their order: an audio-class device, no resume
+// pending, a sound card, no webcam. What it ends is recorded with the rule that ended it.
+bool CUSBHeadsetMgr::m_PassesFilter(const UsbDeviceProperties &props, const char *event)
+{
+    const USBDeviceInfo &info = props.info;
+    LOGD("class:%d", props.usbClass);
+    if (props.usbClass != USB_DEVICE_CLASS_AUDIO) {
+        LOGE("Not audio deveice");
+        DecisionInputs inputs;
+        inputs.interfaceClass = props.usbClass;
+        RecordFiltered(info, -1, event, decision::kLeftAlone, decision::kNotAudioInterface, inputs);
+        return false;
+    }
+    if (m_StandbyTimerId.IsPending()) {
+        LOGE("delay to check usb device timer exist");
+        DecisionInputs inputs;
+        inputs.powerChangedMs = KernelTime(CSingleton<CDMesgAnalysis>::GetInstance()->GetPowerChangedTime());
+        inputs.uptimeMs = CUsbServiceUtil::GetUptime();
+        RecordFiltered(info, -1, event, decision::kDropped, decision::kResumePending, inputs);
+        return false;
+    }
+    LOGI("devpath: %s, name:%s, product:%s, vender id:%d, product id:%d, device No.%d", info.strDevPath.c_str(),
+         props.devName.c_str(), info.strProductName.c_str(), info.nVendorId, info.nProductId, props.number);
+    int card = 0;
+    if (!CUsbServiceUtil::GetCardNum(info.strDevPath, &card)) {
+        LOGE("no card num, ignore");
+        RecordFiltered(info, -1, event, decision::kDropped, decision::kNoCardNumber);
+        return false;
+    }
+    const char *camera = nullptr;
+    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId, &camera)) {
+        LOGE("camera device");
+        RecordFiltered(info, card, event, decision::kLeftAlone, camera);
+        return false;
+    }
+    return true;
 }
 
 void CUSBHeadsetMgr::m_PowerStateChangedCb(_device_power_state_info *info, void *user_data)
