@@ -9,6 +9,7 @@ import pytest
 
 from conftest import LATER
 from simtv.client_api import SERVER_NAME
+from simtv.devices import plug
 from simtv.wait import wait_until
 
 DIAGNOSTICS_PATH = '/org/nimbos/hadrix/Diagnostics'
@@ -199,3 +200,20 @@ def test_every_outcome_names_its_rule_with_its_numbers(tv, hadrixctl):
     assert tv.daemon.stop() == 0
     tv.start()
     assert why.history()[:len(before)] == before
+
+
+def test_at_start_up_a_device_plugged_well_after_boot_switches_the_sound_for_the_first_two(tv, hadrixctl):
+    """A device found at start-up whose detection came well after the USB core's start was plugged
+    by the viewer while the service did not run: it switches the sound, which the first two take."""
+    why = Why(hadrixctl)
+    plug(tv.bed, 'headset2', tv.log, LATER)
+    tv.start('switch to usb speaker...', boot=['headset'], cards=(1, 2))
+    [boot, late, other] = [d for d in why.history() if d['event'] == 'startup-enumeration']
+    decided(boot, 'startup-enumeration', 'present-at-boot', 'detected-with-core', detected_ms=3500)
+    assert boot['device']['port'] == '1-1'
+    by_port = {late['device']['port']: late, other['device']['port']: other}
+    decided(by_port['1-2'], 'startup-enumeration', 'took-sound', 'detected-after-core', detected_ms=120000,
+            core_init_ms=2100)
+    decided(by_port['1-1'], 'startup-enumeration', 'took-sound', 'first-two-at-switch')
+    assert by_port['1-1']['cause'] == 'H390 USB Headset'
+    assert why.of('1-1')['rule'] == 'first-two-at-switch'
