@@ -1,10 +1,12 @@
-// The client API's method calls with arbitrary arguments, through the real server: its listener
-// thread owns its name on a private bus started here, and each input becomes one method call
-// from a client connection. Every call must be answered (a reply or an error), and the answers
-// must have their documented form; GLib criticals are fatal.
+// The method calls of the client API and of the diagnostics interface with arbitrary arguments,
+// through the real server: its listener thread owns its name on a private bus started here, and
+// each input becomes one method call from a client connection. Every call must be answered (a
+// reply or an error), and the answers must have their documented form; GLib criticals are fatal.
 //
-// Input: byte 0 picks the method, byte 1 the object path and whether the arguments have the
-// method's own signature or another one, the rest is the arguments' serialised GVariant.
+// Input: byte 0 picks the method; byte 1 whether the call goes to the method's own object path
+// (bit 0 clear) or to the path picked by bits 5-6, and whether the arguments have the method's
+// own signature (bit 1 clear) or the one picked by bits 2-4; the rest is the arguments'
+// serialised GVariant.
 #include <gio/gio.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -12,6 +14,7 @@
 #include <cstring>
 #include <string>
 
+#include "DecisionLog.h"
 #include "FuzzEnvironment.h"
 #include "HadrixBusNames.h"
 #include "HadrixDbusAPIServer.h"
@@ -20,21 +23,28 @@
 namespace {
 
 using namespace hadrix::api;
+namespace diagnostics = hadrix::diagnostics;
 
-constexpr const char *kPaths[] = {kObjectPath, kSignalPath};
+constexpr const char *kPaths[] = {kObjectPath, kSignalPath, diagnostics::kObjectPath};
 constexpr int kCallTimeoutMs = 20000;
 
 struct Method {
+    const char *interface;
+    const char *path;
     const char *name;
     const char *signature;
 };
 constexpr Method kMethods[] = {
-    {kCheckDbusConnection, "(s)"},
-    {kSubscribe, "(s)"},
-    {kUnsubscribe, "(s)"},
-    {kGetDeviceListInfo, "(i)"},
-    {"NoSuchMethod", "(s)"},
+    {kInterface, kObjectPath, kCheckDbusConnection, "(s)"},
+    {kInterface, kObjectPath, kSubscribe, "(s)"},
+    {kInterface, kObjectPath, kUnsubscribe, "(s)"},
+    {kInterface, kObjectPath, kGetDeviceListInfo, "(i)"},
+    {kInterface, kObjectPath, "NoSuchMethod", "(s)"},
+    {diagnostics::kInterface, diagnostics::kObjectPath, diagnostics::kGetVerdicts, "()"},
+    {diagnostics::kInterface, diagnostics::kObjectPath, diagnostics::kGetHistory, "(u)"},
 };
+// The decisions the diagnostics answer with.
+constexpr size_t kDecisions = 3;
 constexpr const char *kOtherSignatures[] = {"()", "(s)", "(i)", "(ay)", "(ss)", "(u)", "(a{sv})", "(si)"};
 
 // The bus ends with this process, however that ends (so it must be its direct child: no
@@ -84,15 +94,51 @@ void WaitForServer()
     abort();
 }
 
-GVariant *Call(const char *path, const char *method, GVariant *arguments, GError **error)
+GVariant *Call(const Method &method, const char *path, const char *name, GVariant *arguments, GError **error)
 {
-    return g_dbus_connection_call_sync(client, kBusName, path, kInterface, method, arguments,
-                                       nullptr, G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr,
-                                       error);
+    return g_dbus_connection_call_sync(client, kBusName, path, method.interface, name, arguments, nullptr,
+                                       G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, error);
+}
+
+// A device's decisions, for the diagnostics to answer with.
+void RecordDecisions()
+{
+    USBDeviceInfo headset;
+    headset.strProductName = "Evolve 20";
+    headset.strManufature = "Jabra";
+    headset.nVendorId = 0x0b0e;
+    headset.nProductId = 0x0300;
+    headset.strDevPath = "/devices/platform/soc/xhci_hcd.0/usb1/1-1/1-1:1.0/sound/card1";
+    CDecisionLog *log = CDecisionLog::GetInstance();
+    DecisionInputs inputs;
+    inputs.detectedMs = 120000;
+    inputs.usbAudioMode = false;
+    log->Record(CDecisionLog::About(headset, 1, decision::kHotplugAdded, decision::kDetectedAfterCore,
+                                    decision::kTookSound, inputs));
+    log->Record(CDecisionLog::About(headset, 1, decision::kRouteChange, decision::kRouteNotUsb, decision::kReleased));
+    log->Record(CDecisionLog::About(headset, 1, decision::kHotplugRemoved, decision::kUnplugged, decision::kRemoved));
+}
+
+void CheckDecisions(const Method &method, GVariant *arguments, GVariant *reply)
+{
+    FUZZ_CHECK(g_variant_is_of_type(reply, G_VARIANT_TYPE("(aa{sv})")));
+    g_autoptr(GVariant) records = g_variant_get_child_value(reply, 0);
+    const size_t count = g_variant_n_children(records);
+    if (strcmp(method.name, diagnostics::kGetVerdicts) == 0) {
+        FUZZ_CHECK(count == 1);
+        return;
+    }
+    guint32 asked = 0;
+    g_variant_get(arguments, "(u)", &asked);
+    FUZZ_CHECK(count == (asked == 0 || asked > kDecisions ? kDecisions : asked));
 }
 
 void CheckReply(const Method &method, GVariant *arguments, GVariant *reply)
 {
+    if (strcmp(method.interface, diagnostics::kInterface) == 0) {
+        CheckDecisions(method, arguments, reply);
+        return;
+    }
     if (strcmp(method.name, kGetDeviceListInfo) == 0) {
         FUZZ_CHECK(g_variant_is_of_type(reply, G_VARIANT_TYPE("(ay)")));
         g_autoptr(GVariant) bytes = g_variant_get_child_value(reply, 0);
@@ -127,6 +173,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
         fprintf(stderr, "cannot connect to the private bus: %s\n", error->message);
         abort();
     }
+    RecordDecisions();
     if (!CUSBAPIServer::GetInstance()->CreateListener())
         abort();
     WaitForServer();
@@ -138,7 +185,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size < 2)
         return 0;
     const Method &method = kMethods[data[0] % G_N_ELEMENTS(kMethods)];
-    const char *path = kPaths[data[1] & 1];
+    const bool ownPath = (data[1] & 1) == 0;
+    const char *path = ownPath ? method.path : kPaths[(data[1] >> 5) % G_N_ELEMENTS(kPaths)];
     const bool ownSignature = (data[1] & 2) == 0;
     const char *signature =
         ownSignature ? method.signature : kOtherSignatures[(data[1] >> 2) % G_N_ELEMENTS(kOtherSignatures)];
@@ -149,14 +197,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     g_autoptr(GVariant) arguments = g_variant_ref_sink(g_variant_get_normal_form(serialised));
 
     g_autoptr(GError) error = nullptr;
-    g_autoptr(GVariant) reply = Call(path, method.name, arguments, &error);
+    g_autoptr(GVariant) reply = Call(method, path, method.name, arguments, &error);
     FUZZ_CHECK(reply || !g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT));
-    if (reply && path == kPaths[0])
+    if (reply && strcmp(path, method.path) == 0)
         CheckReply(method, arguments, reply);
 
     // Keep the subscriber table small: a name subscribed is unsubscribed again.
     if (reply && strcmp(method.name, kSubscribe) == 0) {
-        g_autoptr(GVariant) done = Call(path, kUnsubscribe, arguments, nullptr);
+        g_autoptr(GVariant) done = Call(method, path, kUnsubscribe, arguments, nullptr);
         FUZZ_CHECK(done != nullptr);
     }
     return 0;

@@ -280,15 +280,18 @@ bool CDMesgAnalysis::IsParsingReady()
 
 std::string CDMesgAnalysis::GetUsbPortNumberFromDevPath(const std::string &devPath)
 {
-    std::string port;
-    size_t colon = devPath.find(':');
-    if (colon != std::string::npos) {
-        size_t slash = devPath.rfind('/', colon);
-        if (slash != std::string::npos)
-            port = devPath.substr(slash + 1, colon - slash - 1);
-    }
+    std::string port = PortOfDevPath(devPath);
     LOGD("[START] parse port is [%s]", port.c_str());
     return port;
+}
+
+std::string CDMesgAnalysis::PortOfDevPath(const std::string &devPath)
+{
+    size_t colon = devPath.find(':');
+    if (colon == std::string::npos)
+        return {};
+    size_t slash = devPath.rfind('/', colon);
+    return slash == std::string::npos ? std::string() : devPath.substr(slash + 1, colon - slash - 1);
 }
 
 uint32_t CDMesgAnalysis::GetUsbDeviceDetectedByDriverTime(int vendorId, int productId)
@@ -348,17 +351,19 @@ bool CDMesgAnalysis::m_NeedWaitDetect(uint32_t detected, bool &found) const
 
 bool CDMesgAnalysis::NeedChangeSpeaker(int vendorId, int productId)
 {
-    return m_NeedChangeSpeaker(GetUsbDeviceDetectedByDriverTime(vendorId, productId));
+    SpeakerJudgement why;
+    return m_NeedChangeSpeaker(GetUsbDeviceDetectedByDriverTime(vendorId, productId), why);
 }
 
-bool CDMesgAnalysis::NeedChangeSpeaker(const std::string &devPath)
+bool CDMesgAnalysis::NeedChangeSpeaker(const std::string &devPath, SpeakerJudgement *why)
 {
-    return m_NeedChangeSpeaker(GetUsbDetectedTimeByDevPath(devPath));
+    SpeakerJudgement judged;
+    return m_NeedChangeSpeaker(GetUsbDetectedTimeByDevPath(devPath), why ? *why : judged);
 }
 
 // All arithmetic is unsigned 32-bit on purpose: unknown (all bits set) and wrapped differences
 // take part in the comparisons exactly as the kernel-log and uptime counters do.
-bool CDMesgAnalysis::m_NeedChangeSpeaker(uint32_t detected)
+bool CDMesgAnalysis::m_NeedChangeSpeaker(uint32_t detected, SpeakerJudgement &why)
 {
     uint32_t now = m_Hooks.uptime();
     uint32_t core = GetUsbCoreInitalTime();
@@ -367,14 +372,19 @@ bool CDMesgAnalysis::m_NeedChangeSpeaker(uint32_t detected)
 
     bool result;
     if (core != TIME_UNKNOWN) {
-        if (detected != TIME_UNKNOWN && detected >= core && detected - core > EVENT_SETTLE_MS)
+        if (detected != TIME_UNKNOWN && detected >= core && detected - core > EVENT_SETTLE_MS) {
             result = true;
-        else if (detected < core || detected - core <= EVENT_SETTLE_MS)
+            why.rule = decision::kDetectedAfterCore;
+        } else if (detected < core || detected - core <= EVENT_SETTLE_MS) {
             result = false;
-        else // the device's detection is unknown: only the time since the core came up tells
+            why.rule = decision::kDetectedWithCore;
+        } else { // the device's detection is unknown: only the time since the core came up tells
             result = !(now < core + BOOT_SETTLE_MS);
+            why.rule = result ? decision::kCoreUpLongAgo : decision::kCoreUpRecently;
+        }
     } else {
         result = !(now < core + BOOT_SETTLE_MS);
+        why.rule = result ? decision::kCoreUnknownLate : decision::kCoreUnknownEarly;
     }
     if (!result)
         LOGD("[START] ------core init time judgement success------- ");
@@ -385,10 +395,29 @@ bool CDMesgAnalysis::m_NeedChangeSpeaker(uint32_t detected)
     if (power != TIME_UNKNOWN && now < power + EVENT_SETTLE_MS &&
         (detected - power <= EVENT_SETTLE_MS || detected == TIME_UNKNOWN || detected < power)) {
         result = false;
+        why.rule = decision::kPowerChanged;
         LOGD("[START] ------power changed judgement success------- ");
     }
     LOGI("[END] result of speakerChange  %d", result);
+    why.detected = detected;
+    why.core = core;
+    why.power = power;
+    why.now = now;
+    why.changeSpeaker = result;
     return result;
+}
+
+DecisionReason CDMesgAnalysis::SpeakerJudgement::Reason() const
+{
+    auto time = [](uint32_t ms) { return ms == TIME_UNKNOWN ? decision::kUnknownTime : static_cast<int64_t>(ms); };
+    DecisionReason reason;
+    reason.rule = rule ? rule : "";
+    reason.outcomeIfKept = reason.rule == decision::kPowerChanged ? decision::kPresentAtResume : decision::kPresentAtBoot;
+    reason.inputs.detectedMs = time(detected);
+    reason.inputs.coreInitMs = time(core);
+    reason.inputs.powerChangedMs = time(power);
+    reason.inputs.uptimeMs = now;
+    return reason;
 }
 
 int CDMesgAnalysis::m_ReadInto(char *buf, size_t size)

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <string>
 
+#include "Decision.h"
 #include "Singleton.h"
 
 class CDMesgAnalysis : public CSingleton<CDMesgAnalysis> {
@@ -30,6 +31,22 @@ public:
         std::function<void(unsigned long ms)> wait;
     };
 
+    // What NeedChangeSpeaker compared and which of its judgements decided.
+    struct SpeakerJudgement {
+        uint32_t detected = TIME_UNKNOWN;
+        uint32_t core = TIME_UNKNOWN;
+        uint32_t power = TIME_UNKNOWN;
+        uint32_t now = 0;
+        // The deciding judgement, one of the kernel-log rules of decision:: (the second
+        // judgement, by power change, when it overrode the first).
+        const char *rule = nullptr;
+        bool changeSpeaker = false;
+
+        // As the reason of a decision: the rule, the numbers, and the outcome when the sound does
+        // not switch (present at boot, or at resume after a power change).
+        DecisionReason Reason() const;
+    };
+
     ~CDMesgAnalysis() override = default;
 
     void SetSystemHooks(SystemHooks hooks);
@@ -44,6 +61,8 @@ public:
     bool IsParsingReady();
 
     static std::string GetUsbPortNumberFromDevPath(const std::string &devPath);
+    // The same port, found without a log line.
+    static std::string PortOfDevPath(const std::string &devPath);
     uint32_t GetUsbDeviceDetectedByDriverTime(int vendorId, int productId);
     uint32_t GetUsbDetectedTimeByDevPath(const std::string &devPath);
     void RemoveDevice(int vendorId, int productId);
@@ -51,7 +70,8 @@ public:
     bool NeedWaitDetect(int vendorId, int productId, bool &found);
     bool NeedWaitDetect(const std::string &devPath, bool &found);
     bool NeedChangeSpeaker(int vendorId, int productId);
-    bool NeedChangeSpeaker(const std::string &devPath);
+    // `why`, when given, is told what the judgement compared and which of its rules decided.
+    bool NeedChangeSpeaker(const std::string &devPath, SpeakerJudgement *why = nullptr);
 
 protected:
     CDMesgAnalysis();
@@ -106,7 +126,7 @@ private:
     void m_ReportReadRefused();
     static LogText m_MakeText(std::unique_ptr<char[]> data, int rc);
     bool m_NeedWaitDetect(uint32_t detected, bool &found) const;
-    bool m_NeedChangeSpeaker(uint32_t detected);
+    bool m_NeedChangeSpeaker(uint32_t detected, SpeakerJudgement &why);
 
     uint32_t m_UsbCoreInitTime = TIME_UNKNOWN;
     // Written by the main loop without the mutex, read by parse and decision code.

@@ -1,5 +1,5 @@
-// The client API's names on the system bus, for the service, its clients and its tests. The
-// interface itself is described once, in src/dbus/hadrix-server.xml.
+// The service's names on the system bus, for the service, its clients and its tests. Each
+// interface itself is described once, in src/dbus/.
 #pragma once
 
 namespace hadrix::api {
@@ -22,3 +22,16 @@ constexpr char kSendMessage[] = "send_message";
 constexpr char kAppId[] = "org.nimbos.hadrix";
 
 } // namespace hadrix::api
+
+// The diagnostics interface (src/dbus/hadrix-diagnostics.xml): served on the client API's
+// connection, so under its bus name, from an object path of its own.
+namespace hadrix::diagnostics {
+
+constexpr char kInterface[] = "org.nimbos.hadrix.Diagnostics";
+constexpr char kObjectPath[] = "/org/nimbos/hadrix/Diagnostics";
+
+constexpr char kGetVerdicts[] = "GetVerdicts";
+constexpr char kGetHistory[] = "GetHistory";
+constexpr char kDecision[] = "Decision";
+
+} // namespace hadrix::diagnostics

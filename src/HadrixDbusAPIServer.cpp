@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 #include <system_error>
 
+#include "DiagnosticsApi.h"
 #include "HadrixBusNames.h"
 #include "HadrixDeviceListInfo.h"
 #include "LocalFileData.h"
@@ -243,6 +244,8 @@ void *CUSBAPIServer::m_Listener(void *data)
         g_bus_unown_name(ownerId);
     }
 
+    if (CDiagnosticsApi *diagnostics = CSingleton<CDiagnosticsApi>::PeekInstance())
+        diagnostics->Unregister();
     if (self->m_nRegisterId != 0) {
         g_dbus_connection_unregister_object(self->m_pConnection.get(), self->m_nRegisterId);
         self->m_nRegisterId = 0;
@@ -296,6 +299,7 @@ void CUSBAPIServer::m_OnBusAcquired(GDBusConnection *connection, const gchar *, 
     self->m_pConnection.reset(G_DBUS_CONNECTION(g_object_ref(connection)));
     LOGI("m_nRegisterId[%d]", self->m_nRegisterId);
     self->m_ExportSkeleton(connection);
+    CSingleton<CDiagnosticsApi>::GetInstance()->Register(connection);
 }
 
 void CUSBAPIServer::m_ExportSkeleton(GDBusConnection *connection)

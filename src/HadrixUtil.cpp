@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "Clock.h"
+#include "Decision.h"
 #include "Log.h"
 #include "nimbos/app.h"
 #include "nimbos/paths.h"
@@ -57,6 +58,28 @@ const CameraRow kCameraTable[] = {
 using CString = UniqueHandle<char, free>;
 
 using AppControl = UniqueHandle<app_control_s, app_control_destroy>;
+
+// The camera table's rule that knows the device, or null.
+const char *MatchCamera(const std::string &name, int vendorId, int productId)
+{
+    LOGD("name : %s, vendor: %d, product: %d", name.c_str(), vendorId, productId);
+    for (const CameraRow &row : kCameraTable) {
+        if (name == row.name) {
+            LOGD("same name");
+            return decision::kCameraName;
+        }
+        unsigned int vendor = 0;
+        unsigned int product = 0;
+        sscanf(row.vendor, "%x", &vendor);
+        sscanf(row.product, "%x", &product);
+        if (vendor == static_cast<unsigned int>(vendorId) && product == static_cast<unsigned int>(productId)) {
+            LOGD("same vendorId&productId");
+            return decision::kCameraIds;
+        }
+    }
+    LOGD("Not carmera");
+    return nullptr;
+}
 
 bool IsValidIndex(int index)
 {
@@ -301,33 +324,25 @@ bool CUsbServiceUtil::IsTVViewerReady()
     return true;
 }
 
-bool CUsbServiceUtil::IsCamera(const std::string &name, int vendorId, int productId)
+bool CUsbServiceUtil::IsCamera(const std::string &name, int vendorId, int productId, const char **rule)
 {
-    LOGD("name : %s, vendor: %d, product: %d", name.c_str(), vendorId, productId);
-    for (const CameraRow &row : kCameraTable) {
-        if (name == row.name) {
-            LOGD("same name");
-            return true;
-        }
-        unsigned int vendor = 0;
-        unsigned int product = 0;
-        sscanf(row.vendor, "%x", &vendor);
-        sscanf(row.product, "%x", &product);
-        if (vendor == static_cast<unsigned int>(vendorId) && product == static_cast<unsigned int>(productId)) {
-            LOGD("same vendorId&productId");
-            return true;
-        }
-    }
-    LOGD("Not carmera");
-    return false;
+    const char *matched = MatchCamera(name, vendorId, productId);
+    if (rule)
+        *rule = matched;
+    return matched != nullptr;
 }
 
-bool CUsbServiceUtil::IsAstroProduct(const std::string &name, int vendorId, int productId)
+bool CUsbServiceUtil::IsAstroProduct(const std::string &name, int vendorId, int productId, const char **rule)
 {
     LOGD("name: %s, vendorId: %d, productId : %d", name.c_str(), vendorId, productId);
+    const char *matched = nullptr;
     if (name == "Astro A20" || name == "Astro Gaming")
-        return true;
-    return vendorId == 0x9886 && productId == 0x0047;
+        matched = decision::kAstroName;
+    else if (vendorId == 0x9886 && productId == 0x0047)
+        matched = decision::kAstroIds;
+    if (rule)
+        *rule = matched;
+    return matched != nullptr;
 }
 
 bool CUsbServiceUtil::GetCardNum(const std::string &devPath, int *cardNum)

@@ -68,8 +68,10 @@ public:
     static bool IsEasel32TV();
     static bool IsTVViewerReady();
 
-    static bool IsCamera(const std::string &name, int vendorId, int productId);
-    static bool IsAstroProduct(const std::string &name, int vendorId, int productId);
+    // `rule`, when given, is set to the rule that recognised the device (decision::kCameraName
+    // or kCameraIds, kAstroName or kAstroIds), for its decision record.
+    static bool IsCamera(const std::string &name, int vendorId, int productId, const char **rule = nullptr);
+    static bool IsAstroProduct(const std::string &name, int vendorId, int productId, const char **rule = nullptr);
     static bool GetCardNum(const std::string &devPath, int *cardNum);
     // " vvvv#pppp ": the id under which the kernel log names a USB device.
     static std::string MakeId(int vendorId, int productId);

@@ -3,6 +3,7 @@
 #include <mutex>
 #include <system_error>
 
+#include "DecisionLog.h"
 #include "HadrixUtil.h"
 #include "Log.h"
 #include "SystemBus.h"
@@ -63,6 +64,17 @@ bool ServerListsCard(GDBusConnection *connection, int card)
     return false;
 }
 
+// What this "Start" went through completes the decision that asked for it, if one waits.
+void TellDecisionLog(int card, CDecisionLog::StartReport &report, uint32_t asked)
+{
+    CDecisionLog *log = CSingleton<CDecisionLog>::PeekInstance();
+    if (!log)
+        return;
+    report.sentUptimeMs = CUsbServiceUtil::GetUptime();
+    report.waitedMs = report.sentUptimeMs - asked;
+    log->NoteStart(card, report);
+}
+
 } // namespace
 
 CPulseAudioHandler::CPulseAudioHandler()
@@ -77,7 +89,14 @@ GDBusConnection *CPulseAudioHandler::m_GetConnection()
 
 bool CPulseAudioHandler::WaitCardReady(int card)
 {
+    int attempts = 0;
+    return WaitCardReady(card, attempts);
+}
+
+bool CPulseAudioHandler::WaitCardReady(int card, int &attempts)
+{
     for (int tries = 1;; ++tries) {
+        attempts = tries;
         LOGI("try %d time to get card number %d from pulseaudio. quit flag %d", tries, card,
              m_quit.load() ? 1 : 0);
         if (ServerListsCard(m_GetConnection(), card))
@@ -94,16 +113,24 @@ bool CPulseAudioHandler::SendSignalToPulseAudio(bool on_off, int cardNum)
     LOGE("SendSignalToPulseAudio, on_off : %d, cardNum : %d", on_off ? 1 : 0, cardNum);
     // A slow or absent server never holds the output back: the card is announced after the
     // bounded wait whether or not the server has reported it.
-    if (on_off && !WaitCardReady(cardNum))
-        LOGE("Card %d seems not ready...", cardNum);
+    CDecisionLog::StartReport report;
+    const uint32_t asked = CUsbServiceUtil::GetUptime();
+    if (on_off) {
+        report.listed = WaitCardReady(cardNum, report.attempts);
+        if (!report.listed)
+            LOGE("Card %d seems not ready...", cardNum);
+    }
 
     GDBusConnection *connection = m_GetConnection();
     if (!connection) {
         LOGE("no connection");
-        return false;
+    } else {
+        report.sent = hadrix::BroadcastSignal(connection, kSignalPath, kSignalInterface, on_off ? "Start" : "Stop",
+                                              g_variant_new("(i)", cardNum));
     }
-    return hadrix::BroadcastSignal(connection, kSignalPath, kSignalInterface, on_off ? "Start" : "Stop",
-                                   g_variant_new("(i)", cardNum));
+    if (on_off)
+        TellDecisionLog(cardNum, report, asked);
+    return report.sent;
 }
 
 bool CPulseAudioHandler::SendSignalToPulseAudioAsync(bool on_off, int cardNum)

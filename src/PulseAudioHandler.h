@@ -19,6 +19,8 @@ public:
 
     // True once the audio server lists the card; false after 50 attempts or when told to quit.
     bool WaitCardReady(int card);
+    // The same, telling how many times the server was asked.
+    bool WaitCardReady(int card, int &attempts);
     // Waits for the card on "Start" (and sends it even if the card never shows up).
     bool SendSignalToPulseAudio(bool on_off, int cardNum);
     // The same on a worker thread; a previous worker is told to quit and joined first.

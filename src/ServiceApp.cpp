@@ -10,6 +10,7 @@
 #include <glib.h>
 
 #include "DebugCommand.h"
+#include "DecisionLog.h"
 #include "HadrixDbusAPIServer.h"
 #include "HadrixUtil.h"
 #include "LocalFileData.h"
@@ -81,6 +82,8 @@ bool service_app_create(void *)
 {
     LOGE("service_app_create");
     CLocalFileData::GetInstance();
+    // The decisions of earlier runs, before any of this one.
+    CDecisionLog::GetInstance();
     return true;
 }
 
@@ -94,6 +97,9 @@ void service_app_terminate(void *)
     // Popup workers are detached: none may still be inside the notification service at exit.
     if (CNotificationPopup *popups = CSingleton<CNotificationPopup>::PeekInstance())
         popups->FinishPopups();
+    // After the audio-server worker, which may have completed a decision.
+    if (CDecisionLog *decisions = CSingleton<CDecisionLog>::PeekInstance())
+        decisions->Flush();
 }
 
 void service_app_control(app_control_h app_control, void *user_data)

@@ -1,5 +1,7 @@
 #include "ServiceLinks.h"
 
+#include "DecisionLog.h"
+#include "DiagnosticsApi.h"
 #include "HadrixDbusAPIServer.h"
 #include "KeyEventHandler.h"
 #include "MultiviewHandler.h"
@@ -29,6 +31,12 @@ void LinkManagers()
     CMultiviewHandler::SetLinks({
         [] { HeadsetManager()->InitVolumeOnMultiViewEnabled(); },
         [](sound_tv_output_route_e route) { HeadsetManager()->HandleMultiViewSpeakerChange(route); },
+    });
+    CDecisionLog::SetLinks({
+        [](const Decision &decision) {
+            if (CDiagnosticsApi *diagnostics = CSingleton<CDiagnosticsApi>::PeekInstance())
+                diagnostics->Announce(decision);
+        },
     });
     CKeyHandler::SetLinks({
         [](const std::string &deviceName) { return DeviceManager()->CheckWhetherUsbDevice(deviceName); },

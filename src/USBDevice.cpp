@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "DMesgAnalysis.h"
+#include "DecisionLog.h"
 #include "DevicesDepot.h"
 #include "DevicesDetected.h"
 #include "HadrixUtil.h"
@@ -69,6 +70,20 @@ void SendWarning(KPI_WARNING warning, const std::string &name)
     CSingleton<CKPILog>::GetInstance()->SendWarnings(warning, name);
 }
 
+void Record(const Decision &decision)
+{
+    CSingleton<CDecisionLog>::GetInstance()->Record(decision);
+}
+
+// A decision that gives a device the sound: its "Start" is told by the worker that sends it.
+Decision TookSound(const USBDeviceInfo &info, const char *event, const std::string &rule, const DecisionInputs &inputs)
+{
+    Decision decision = CDecisionLog::About(info, info.nCardNum, event, rule, decision::kTookSound, inputs);
+    decision.start.emplace();
+    decision.start->card = info.nCardNum;
+    return decision;
+}
+
 void ParseKernelLog(GTask *task, gpointer, gpointer taskData, GCancellable *)
 {
     CSingleton<CDMesgAnalysis>::GetInstance()->TriggerParse(GPOINTER_TO_INT(taskData) != 0);
@@ -76,6 +91,13 @@ void ParseKernelLog(GTask *task, gpointer, gpointer taskData, GCancellable *)
 }
 
 CUSBDevice::Links g_links;
+
+OutputChange UsbAudioModeSwitch(const char *event)
+{
+    OutputChange why{event, decision::kUsbAudioMode, {}, {}};
+    why.inputs.usbAudioMode = true;
+    return why;
+}
 
 } // namespace
 
@@ -129,8 +151,8 @@ bool CUSBDevice::IsParsingKernelLog() const
 void CUSBDevice::m_StartInit(Enumeration::Kind kind, bool parse, bool forceParse)
 {
     m_AbandonInitParse();
-    m_Enumeration.emplace();
-    m_Enumeration->kind = kind;
+    m_Enumeration.emplace(kind);
+    m_LeftOutRecorded.clear();
     if (!parse) {
         m_AfterInitParse();
         return;
@@ -260,28 +282,43 @@ bool CUSBDevice::m_TakeEnumeratedDevice(usb_device_s *dev)
 {
     const CUsbDeviceSnapshot snapshot(dev);
     const UsbDeviceProperties &device = snapshot.Get();
-    if (device.usbClass != USB_DEVICE_CLASS_AUDIO)
+    if (device.usbClass != USB_DEVICE_CLASS_AUDIO) {
+        DecisionInputs inputs;
+        inputs.interfaceClass = device.usbClass;
+        m_RecordLeftOut(device.info, -1, decision::kLeftAlone, decision::kNotAudioInterface, inputs);
         return false;
+    }
     const std::string &devPath = device.info.strDevPath;
     LOGD("devPath : %s, productId : %d, device NO.%d", devPath.c_str(), device.info.nProductId, device.number);
     int card = 0;
-    if (!CUsbServiceUtil::GetCardNum(devPath, &card))
+    if (!CUsbServiceUtil::GetCardNum(devPath, &card)) {
+        m_RecordLeftOut(device.info, -1, decision::kDropped, decision::kNoCardNumber);
         return false;
+    }
     LOGD("cardNum : %d", card);
-    if (!HasSoundNodes(card))
+    if (!HasSoundNodes(card)) {
+        m_RecordLeftOut(device.info, card, decision::kDropped, decision::kNoSoundNodes);
         return false;
+    }
     USBDeviceInfo info = MakeRecord(device, card);
-    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId) || m_CheckGamepad(dev))
+    const char *notForSound = nullptr;
+    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId, &notForSound) ||
+        m_CheckGamepad(dev, &notForSound)) {
+        m_RecordLeftOut(info, card, decision::kLeftAlone, notForSound);
         return false;
+    }
     if (m_IsDeviceExist(devPath)) {
         LOGD("device have been exist");
         return true;
     }
-    if (CUsbServiceUtil::IsAstroProduct(info.strProductName, info.nVendorId, info.nProductId)) {
+    const char *astro = nullptr;
+    if (CUsbServiceUtil::IsAstroProduct(info.strProductName, info.nVendorId, info.nProductId, &astro)) {
         // Not usable: kept aside to be warned about, never taken into the attached list.
         LOGI("Astro device");
-        if (m_KeepUnsupportedDevice(info, false))
+        if (m_KeepUnsupportedDevice(info, false)) {
             m_SetMaxVolume(card);
+            m_RecordLeftOut(info, card, decision::kNotSupported, astro);
+        }
         return false;
     }
     info.bNotified = true; // present at start-up: nobody is told about it
@@ -289,6 +326,16 @@ bool CUSBDevice::m_TakeEnumeratedDevice(usb_device_s *dev)
     m_AppendDevice(info);
     LOGD("save cardNum %d productId %d .", card, info.nProductId);
     return true;
+}
+
+void CUSBDevice::m_RecordLeftOut(const USBDeviceInfo &info, int card, const char *outcome, const char *rule,
+                                const DecisionInputs &inputs)
+{
+    if (!m_LeftOutRecorded.insert(info.strDevPath).second)
+        return;
+    const char *event = m_Enumeration->kind == Enumeration::Kind::Boot ? decision::kStartupEnumeration
+                                                                       : decision::kResumeEnumeration;
+    Record(CDecisionLog::About(info, card, event, rule, outcome, inputs));
 }
 
 void CUSBDevice::m_OnInitDevicesDone(bool found)
@@ -313,7 +360,7 @@ void CUSBDevice::m_FinishBoot(bool found)
     m_RecordUsbDeviceTable();
     if (CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode()) {
         LOGI("switch to usb speaker as it is usb audio mode...");
-        m_SwitchToUSBSpeaker();
+        m_SwitchToUSBSpeaker(UsbAudioModeSwitch(decision::kStartupEnumeration));
     } else {
         LOGI("Not usb audio mode...");
         m_SwitchToUSBSpeakerIfPluggedByUser();
@@ -322,15 +369,24 @@ void CUSBDevice::m_FinishBoot(bool found)
         g_links.devicesChanged();
 }
 
+// The first device the kernel log shows as plugged by the viewer switches the output; those
+// judged before it keep off the sound.
 void CUSBDevice::m_SwitchToUSBSpeakerIfPluggedByUser()
 {
     CDMesgAnalysis *analysis = CSingleton<CDMesgAnalysis>::GetInstance();
     for (const USBDeviceInfo &device : GetDevices()) {
-        if (analysis->NeedChangeSpeaker(device.strDevPath)) {
+        CDMesgAnalysis::SpeakerJudgement judged;
+        const bool pluggedByUser = analysis->NeedChangeSpeaker(device.strDevPath, &judged);
+        DecisionReason why = judged.Reason();
+        why.inputs.usbAudioMode = false;
+        if (pluggedByUser) {
             LOGI("switch to usb speaker...");
-            m_SwitchToUSBSpeaker();
+            m_SwitchToUSBSpeaker({decision::kStartupEnumeration, why.rule, device.strProductName, why.inputs},
+                                 device.strDevPath);
             return;
         }
+        Record(CDecisionLog::About(device, device.nCardNum, decision::kStartupEnumeration, why.rule,
+                                   why.outcomeIfKept, why.inputs));
         LOGI("Not switch to usb speaker...");
     }
 }
@@ -344,10 +400,24 @@ void CUSBDevice::m_FinishStandby(bool found)
         WaitOrDisableUSBOutputByEmptyDeviceList();
     } else if (CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode()) {
         LOGI("switch to usb speaker as it is usb audio mode...");
-        m_SwitchToUSBSpeaker();
+        m_SwitchToUSBSpeaker(UsbAudioModeSwitch(decision::kResumeEnumeration));
+    } else {
+        m_RecordPresentAtResume();
     }
     if (g_links.devicesChanged)
         g_links.devicesChanged();
+}
+
+// Without USB audio mode a resume gives the sound to none of the devices found again.
+void CUSBDevice::m_RecordPresentAtResume()
+{
+    DecisionInputs inputs;
+    inputs.usbAudioMode = false;
+    const uint32_t power = CSingleton<CDMesgAnalysis>::GetInstance()->GetPowerChangedTime();
+    inputs.powerChangedMs = power == CDMesgAnalysis::TIME_UNKNOWN ? decision::kUnknownTime : power;
+    for (const USBDeviceInfo &device : GetDevices())
+        Record(CDecisionLog::About(device, device.nCardNum, decision::kResumeEnumeration,
+                                   decision::kResumeWithoutUsbAudioMode, decision::kPresentAtResume, inputs));
 }
 
 // Read and written as files (never through a shell redirect, which would follow a link planted
@@ -380,7 +450,7 @@ bool CUSBDevice::WaitDetect(bool &leaveAtOnce)
     return wait;
 }
 
-void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
+void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange, const DecisionReason &why)
 {
     const UsbDeviceProperties device = CUsbDeviceSnapshot::Of(dev);
     const std::string &devPath = device.info.strDevPath;
@@ -389,29 +459,39 @@ void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
         LOGI("device have been exist");
         return;
     }
-    if (m_CheckGamepad(dev)) {
+    const char *gamepad = nullptr;
+    if (m_CheckGamepad(dev, &gamepad)) {
         LOGI("gamepad");
         SendWarning(KPI_WARNING_UNSUPPORTED_DEVICE, device.info.strProductName);
+        Record(CDecisionLog::About(device.info, -1, decision::kHotplugAdded, gamepad, decision::kLeftAlone));
         return;
     }
     int card = 0;
     if (!CUsbServiceUtil::GetCardNum(devPath, &card))
         return;
     LOGD("cardNum : %d", card);
-    if (!HasSoundNodes(card))
+    if (!HasSoundNodes(card)) {
+        Record(CDecisionLog::About(device.info, card, decision::kHotplugAdded, decision::kNoSoundNodes,
+                                   decision::kDropped));
         return;
+    }
 
     USBDeviceInfo info = MakeRecord(device, card);
-    info.bMaxVolumeFailed = m_SetMaxVolume(card) == MAX_VOLUME_WRITE_FAILED;
+    const int mixer = m_SetMaxVolume(card);
+    info.bMaxVolumeFailed = mixer == MAX_VOLUME_WRITE_FAILED;
     // Only a failed mixer is worth telling the user about.
     info.bNotified = !info.bMaxVolumeFailed;
+    DecisionInputs inputs = why.inputs;
+    inputs.mixerResult = mixer;
 
     if (speakerChange) {
-        if (m_TakeAstroDevice(info))
+        if (m_TakeAstroDevice(info, inputs))
             return;
         m_DelayLeaveUSBModeTimerId.Stop();
         m_USBStateCheckTimerId.Stop();
-        m_RouteToNewDevice(info);
+        m_RouteToNewDevice(info, why, inputs);
+    } else {
+        Record(CDecisionLog::About(info, card, decision::kHotplugAdded, why.rule, why.outcomeIfKept, inputs));
     }
     m_AppendDevice(info);
     m_DelayQuitTimerId.Stop();
@@ -419,16 +499,18 @@ void CUSBDevice::AddDevice(usb_device_s *dev, bool speakerChange)
 
 // An Astro headset is not supported: the user is warned once, it never enters the attached
 // list, and the output goes to the attached devices. True when dev is one.
-bool CUSBDevice::m_TakeAstroDevice(const USBDeviceInfo &info)
+bool CUSBDevice::m_TakeAstroDevice(const USBDeviceInfo &info, const DecisionInputs &inputs)
 {
-    if (!CUsbServiceUtil::IsAstroProduct(info.strProductName, info.nVendorId, info.nProductId))
+    const char *astro = nullptr;
+    if (!CUsbServiceUtil::IsAstroProduct(info.strProductName, info.nVendorId, info.nProductId, &astro))
         return false;
     LOGI("Astro device");
+    Record(CDecisionLog::About(info, info.nCardNum, decision::kHotplugAdded, astro, decision::kNotSupported, inputs));
     if (m_KeepUnsupportedDevice(info, true)) {
         ShowPopup(NOTI_TYPE_UNSUPPORTED_DEVICE, info.strProductName);
         SendWarning(KPI_WARNING_UNSUPPORTED_DEVICE, info.strProductName);
     }
-    EnableUSBOutput();
+    EnableUSBOutput({decision::kHotplugAdded, decision::kOutputToAttached, info.strProductName, {}});
     return true;
 }
 
@@ -448,21 +530,28 @@ bool CUSBDevice::m_KeepUnsupportedDevice(const USBDeviceInfo &info, bool warned)
 // stays idle; it is marked in use when the output is next handed out (the unmute that the
 // route's change brings, or an unplug's hand-over). Otherwise the free places go to the
 // devices already attached.
-void CUSBDevice::m_RouteToNewDevice(USBDeviceInfo &info)
+void CUSBDevice::m_RouteToNewDevice(USBDeviceInfo &info, const DecisionReason &why, const DecisionInputs &inputs)
 {
     bool room;
+    DecisionInputs counted = inputs;
     {
         std::lock_guard<std::mutex> lock(m_VecMutex);
+        const int usingCount = CUsbOutputChoice::CountUsing(m_VecUSBHeadset);
+        counted.usingCount = usingCount;
+        counted.attachedCount = static_cast<int32_t>(m_VecUSBHeadset.size());
         room = m_VecUSBHeadset.size() < static_cast<size_t>(CUsbOutputChoice::kMaxUsingDevices) &&
-               CUsbOutputChoice::CountUsing(m_VecUSBHeadset) < CUsbOutputChoice::kMaxUsingDevices;
+               usingCount < CUsbOutputChoice::kMaxUsingDevices;
     }
     if (!room) {
         LOGI("USB HEADSET more than 2..");
+        Record(CDecisionLog::About(info, info.nCardNum, decision::kHotplugAdded, decision::kNoFreePlace,
+                                   decision::kWaits, counted));
         if (!m_ShowUnsupportedWarning())
             ShowPopup(NOTI_TYPE_DEVICE_CONNECTED, info.strProductName);
-        EnableUSBOutput();
+        EnableUSBOutput({decision::kHotplugAdded, decision::kOutputToAttached, info.strProductName, {}});
         return;
     }
+    Record(TookSound(info, decision::kHotplugAdded, why.rule, counted));
     if (!m_IsUsbSpeakerSelected())
         m_SelectUsbHeadsetRoute(true);
     CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudioAsync(true, info.nCardNum);
@@ -494,11 +583,14 @@ void CUSBDevice::RemoveDevice(usb_device_s *dev)
         EraseByPath(m_VecUnsupportedDevice, devPath);
 
     int card = 0;
-    if (m_IsDeviceExist(devPath) && CUsbServiceUtil::GetCardNum(devPath, &card))
+    const bool attached = m_IsDeviceExist(devPath) && CUsbServiceUtil::GetCardNum(devPath, &card);
+    Record(CDecisionLog::About(device.info, attached ? card : -1, decision::kHotplugRemoved, decision::kUnplugged,
+                               decision::kRemoved));
+    if (attached)
         m_ReleaseRemovedDevice(devPath, card);
 
     if (GetDeviceCnt() > 0)
-        m_ShowRemainingDevicePopup(m_ShareOutputWithRemaining());
+        m_ShowRemainingDevicePopup(m_ShareOutputWithRemaining(device.info.strProductName));
     else
         m_OnLastDeviceRemoved();
 }
@@ -515,7 +607,7 @@ void CUSBDevice::m_ReleaseRemovedDevice(const std::string &devPath, int card)
 }
 
 // Returns the paths of the devices that took the output.
-std::vector<std::string> CUSBDevice::m_ShareOutputWithRemaining()
+std::vector<std::string> CUSBDevice::m_ShareOutputWithRemaining(const std::string &removedProduct)
 {
     for (const USBDeviceInfo &device : GetDevices())
         m_SetMaxVolume(device.nCardNum);
@@ -524,13 +616,19 @@ std::vector<std::string> CUSBDevice::m_ShareOutputWithRemaining()
         return {};
     LOGI("current speaker is USB HEADSET, try to enable headset which not using..");
     std::vector<USBDeviceInfo> taken;
+    DecisionInputs inputs;
     {
         std::lock_guard<std::mutex> lock(m_VecMutex);
+        inputs.usingCount = CUsbOutputChoice::CountUsing(m_VecUSBHeadset);
+        inputs.attachedCount = static_cast<int32_t>(m_VecUSBHeadset.size());
         for (size_t index : CUsbOutputChoice::TakeFreeDevices(m_VecUSBHeadset))
             taken.push_back(m_VecUSBHeadset[index]);
     }
     std::vector<std::string> takenPaths;
     for (const USBDeviceInfo &device : taken) {
+        Decision decision = TookSound(device, decision::kHotplugRemoved, decision::kFreedPlace, inputs);
+        decision.cause = removedProduct;
+        Record(decision);
         CSingleton<DevicesDetected>::GetInstance()->SetDeviceStatus(device.strDevPath, DEVICE_STATUS_USING);
         CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudioAsync(true, device.nCardNum);
         takenPaths.push_back(device.strDevPath);

@@ -6,11 +6,13 @@
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <gio/gio.h>
 
+#include "Decision.h"
 #include "GamepadList.h"
 #include "HadrixDeviceListInfo.h"
 #include "Singleton.h"
@@ -20,6 +22,15 @@
 #include "UsbDeviceSnapshot.h"
 #include "nimbos/gamepad.h"
 #include "nimbos/usb.h"
+
+// Why the output changes hands, for the decision records of the devices it reaches: the event,
+// the rule and its inputs, and the device whose event it was when that is another one.
+struct OutputChange {
+    const char *event = decision::kRouteChange;
+    std::string rule = decision::kAsked;
+    std::string cause;
+    DecisionInputs inputs;
+};
 
 class CUSBDevice : public CSingleton<CUSBDevice> {
     friend class CSingleton<CUSBDevice>;
@@ -52,8 +63,9 @@ public:
     // While the enumeration under way waits for the kernel-log parse on its worker.
     bool IsParsingKernelLog() const;
 
-    // One hot-plugged device; speakerChange is whether the TV sound is to switch to it.
-    void AddDevice(usb_device_s *dev, bool speakerChange);
+    // One hot-plugged device; speakerChange is whether the TV sound is to switch to it, and why
+    // the judgement that decided it, for the decision record.
+    void AddDevice(usb_device_s *dev, bool speakerChange, const DecisionReason &why = DecisionReason());
     void RemoveDevice(usb_device_s *dev);
 
     // Whether a device of the last run is still expected to come back; leaveAtOnce tells the
@@ -79,9 +91,10 @@ public:
     // product (USBDeviceGamepad.cpp).
     bool CheckWhetherUsbDevice(const std::string &deviceName);
 
-    // Output switching (USBDeviceOutput.cpp).
-    void EnableUSBOutput();
-    void MuteUSBOutput(bool mute);
+    // Output switching (USBDeviceOutput.cpp); `why` goes into the records of the devices that
+    // take or give back the sound.
+    void EnableUSBOutput(const OutputChange &why = OutputChange());
+    void MuteUSBOutput(bool mute, const OutputChange &why = OutputChange());
     void WaitOrDisableUSBOutputByEmptyDeviceList();
 
     // The card's own mixer, kept at its maximum; also driven by the debug commands.
@@ -94,7 +107,11 @@ private:
     // A start-up or resume enumeration under way: a kernel-log parse on a worker, then passes
     // over the library's device list on the main loop, 1000 ms apart until one finds devices.
     struct Enumeration {
-        enum class Kind { Boot, Standby } kind;
+        enum class Kind { Boot, Standby };
+        // Declared, so that std::optional need not look at the member initialisers while this
+        // class is still incomplete (clang refuses that).
+        explicit Enumeration(Kind of) : kind(of) {}
+        Kind kind;
         int tries = 0;
         int pass = 0;
         // The parse on its worker, until it is done; cancelled by the destructor so that a parse
@@ -113,21 +130,25 @@ private:
     bool m_InitDevice();
     int m_ForeachDeviceList(int count, usb_device_s *first, usb_device_list_s *&list);
     bool m_TakeEnumeratedDevice(usb_device_s *dev);
+    // Records a device an enumeration pass leaves out, once per enumeration.
+    void m_RecordLeftOut(const USBDeviceInfo &info, int card, const char *outcome, const char *rule,
+                         const DecisionInputs &inputs = DecisionInputs());
     void m_OnInitDevicesDone(bool found);
     void m_FinishBoot(bool found);
     void m_FinishStandby(bool found);
     void m_RecordUsbDeviceTable();
     void m_SwitchToUSBSpeakerIfPluggedByUser();
+    void m_RecordPresentAtResume();
 
     bool m_IsDeviceExist(const std::string &devPath);
     device_status m_GetDeviceStatus(const std::string &devPath);
     void m_AppendDevice(const USBDeviceInfo &info);
-    bool m_TakeAstroDevice(const USBDeviceInfo &info);
+    bool m_TakeAstroDevice(const USBDeviceInfo &info, const DecisionInputs &inputs);
     bool m_KeepUnsupportedDevice(const USBDeviceInfo &info, bool warned);
-    void m_RouteToNewDevice(USBDeviceInfo &info);
+    void m_RouteToNewDevice(USBDeviceInfo &info, const DecisionReason &why, const DecisionInputs &inputs);
     void m_ShowNewDevicePopup(USBDeviceInfo &info);
     void m_ReleaseRemovedDevice(const std::string &devPath, int card);
-    std::vector<std::string> m_ShareOutputWithRemaining();
+    std::vector<std::string> m_ShareOutputWithRemaining(const std::string &removedProduct);
     void m_ShowRemainingDevicePopup(const std::vector<std::string> &justTaken);
     void m_OnLastDeviceRemoved();
     static gboolean m_RestVolumeTimerCb(gpointer data);
@@ -139,11 +160,17 @@ private:
     void m_InitGamepadList();
     static void m_GamepadConnectionCb(int event, _gamepad_device_info_s info, void *data);
     void m_UpdateGamepadList(int event, const _gamepad_device_info_s &info);
-    bool m_CheckGamepad(usb_device_s *device);
+    // `rule`, when given, is set to the rule that recognised the gamepad (decision::kGamepad…).
+    bool m_CheckGamepad(usb_device_s *device, const char **rule = nullptr);
+    const char *m_MatchGamepad(usb_device_s *device);
     static bool m_CheckIDInputJoySticks(int productId, int vendorId);
 
-    // Output switching (USBDeviceOutput.cpp).
-    void m_SwitchToUSBSpeaker();
+    // Output switching (USBDeviceOutput.cpp). `judgedPath`: the device whose judgement switched
+    // the output; the others it reaches take the sound as the first two. Empty: each takes it by
+    // `why` (USB audio mode).
+    void m_SwitchToUSBSpeaker(const OutputChange &why = OutputChange(), const std::string &judgedPath = {});
+    void m_RecordSwitch(const OutputChange &why, const std::string &judgedPath, const std::vector<USBDeviceInfo> &taken,
+                        const std::vector<USBDeviceInfo> &left);
     static bool m_IsUsbSpeakerSelected();
     // Routes the TV sound to the USB headset; in multiview per zone, with the level published to
     // the multiview UI and, when asked, the headset output unmuted.
@@ -178,4 +205,7 @@ private:
 
     bool m_ResumedFromDeepStandby = false;
     std::optional<Enumeration> m_Enumeration;
+    // The devices the passes of the enumeration under way have left out and recorded so: each
+    // once per enumeration.
+    std::set<std::string> m_LeftOutRecorded;
 };

@@ -9,6 +9,7 @@
 
 #include <libudev.h>
 
+#include "Decision.h"
 #include "HadrixUtil.h"
 #include "Log.h"
 #include "USBDevice.h"
@@ -103,7 +104,15 @@ void CUSBDevice::m_UpdateGamepadList(int event, const _gamepad_device_info_s &in
     m_GamepadList.Update(event, info);
 }
 
-bool CUSBDevice::m_CheckGamepad(usb_device_s *device)
+bool CUSBDevice::m_CheckGamepad(usb_device_s *device, const char **rule)
+{
+    const char *matched = m_MatchGamepad(device);
+    if (rule)
+        *rule = matched;
+    return matched != nullptr;
+}
+
+const char *CUSBDevice::m_MatchGamepad(usb_device_s *device)
 {
     LOGD("m_CheckGamepadDevice");
     const USBDeviceInfo info = CUsbDeviceSnapshot::Of(device).info;
@@ -117,19 +126,20 @@ bool CUSBDevice::m_CheckGamepad(usb_device_s *device)
     LOGD("fullname = %s", fullName.c_str());
 
     const CGamepadList &known = CGamepadList::Known();
-    if (known.HasIds(vendorId, productId) || known.HasName(manufacturer)) {
+    const bool knownIds = known.HasIds(vendorId, productId);
+    if (knownIds || known.HasName(manufacturer)) {
         LOGI("device exist in knownlist");
-        return true;
+        return knownIds ? decision::kGamepadKnownIds : decision::kGamepadKnownMaker;
     }
     if (m_GamepadList.HasIds(vendorId, productId)) {
         LOGI("device exist in the gamepad list with the same pid&vid");
-        return true;
+        return decision::kGamepadListIds;
     }
     if (m_GamepadList.HasName(fullName)) {
         LOGI("device exist in the gamepad list with the same name");
-        return true;
+        return decision::kGamepadListName;
     }
-    return m_CheckIDInputJoySticks(productId, vendorId);
+    return m_CheckIDInputJoySticks(productId, vendorId) ? decision::kGamepadJoystick : nullptr;
 }
 
 bool CUSBDevice::m_CheckIDInputJoySticks(int productId, int vendorId)

@@ -5,6 +5,7 @@
 
 #include "AudioControlMgr.h"
 #include "DMesgAnalysis.h"
+#include "DecisionLog.h"
 #include "DevicesDetected.h"
 #include "KPILog.h"
 #include "LocalFileData.h"
@@ -44,6 +45,23 @@ void StopUsing(const USBDeviceInfo &device)
     CSingleton<CPulseAudioHandler>::GetInstance()->SendSignalToPulseAudioAsync(false, device.nCardNum);
 }
 
+Decision About(const USBDeviceInfo &device, const OutputChange &why, const std::string &rule,
+               const char *outcome)
+{
+    Decision decision = CDecisionLog::About(device, device.nCardNum, why.event, rule, outcome, why.inputs);
+    decision.cause = why.cause;
+    if (outcome == std::string(decision::kTookSound)) {
+        decision.start.emplace();
+        decision.start->card = device.nCardNum;
+    }
+    return decision;
+}
+
+CDecisionLog *Decisions()
+{
+    return CSingleton<CDecisionLog>::GetInstance();
+}
+
 } // namespace
 
 bool CUSBDevice::m_IsUsbSpeakerSelected()
@@ -64,7 +82,7 @@ void CUSBDevice::m_SelectUsbHeadsetRoute(bool unmuteInMultiview)
         CSingleton<CAudioControlMgr>::GetInstance()->SetUsbHeadsetMuteStatus(false);
 }
 
-void CUSBDevice::EnableUSBOutput()
+void CUSBDevice::EnableUSBOutput(const OutputChange &why)
 {
     std::vector<USBDeviceInfo> taken;
     {
@@ -77,6 +95,8 @@ void CUSBDevice::EnableUSBOutput()
         taken = Pick(m_VecUSBHeadset, CUsbOutputChoice::TakeFreeDevices(m_VecUSBHeadset));
     }
     for (const USBDeviceInfo &device : taken) {
+        // A device that took the sound already but waited for the unmute is not decided anew.
+        Decisions()->RecordIfOutcomeChanges(About(device, why, why.rule, decision::kTookSound));
         if (!m_IsUsbSpeakerSelected()) {
             LOGI("set usbheadset as speaker...");
             m_SelectUsbHeadsetRoute(false);
@@ -85,22 +105,46 @@ void CUSBDevice::EnableUSBOutput()
     }
 }
 
-void CUSBDevice::m_SwitchToUSBSpeaker()
+void CUSBDevice::m_SwitchToUSBSpeaker(const OutputChange &why, const std::string &judgedPath)
 {
     LOGI("SwitchToUSBSpeaker");
     std::vector<USBDeviceInfo> taken;
+    std::vector<USBDeviceInfo> left;
     {
         std::lock_guard<std::mutex> lock(m_VecMutex);
         CUsbOutputChoice::SortByTimeStamp(m_VecUSBHeadset);
-        taken = Pick(m_VecUSBHeadset, CUsbOutputChoice::TakeFirstDevices(m_VecUSBHeadset));
+        const std::vector<size_t> first = CUsbOutputChoice::TakeFirstDevices(m_VecUSBHeadset);
+        taken = Pick(m_VecUSBHeadset, first);
+        for (size_t index = first.size(); index < m_VecUSBHeadset.size(); ++index)
+            left.push_back(m_VecUSBHeadset[index]);
     }
+    m_RecordSwitch(why, judgedPath, taken, left);
     if (!m_IsUsbSpeakerSelected())
         CSingleton<CSoundManagerHandler>::GetInstance()->SetSpeakerSelection(SOUND_TV_OUTPUT_USB_HEADSET);
     for (const USBDeviceInfo &device : taken)
         StartUsing(device);
 }
 
-void CUSBDevice::MuteUSBOutput(bool mute)
+// The devices a switch reaches take the sound by its rule, or, when another device's judgement
+// switched, as the first two; those beyond the first two wait.
+void CUSBDevice::m_RecordSwitch(const OutputChange &why, const std::string &judgedPath,
+                                const std::vector<USBDeviceInfo> &taken, const std::vector<USBDeviceInfo> &left)
+{
+    for (const USBDeviceInfo &device : taken) {
+        if (judgedPath.empty() || device.strDevPath == judgedPath) {
+            OutputChange own = why;
+            own.cause.clear();
+            Decisions()->Record(About(device, own, why.rule, decision::kTookSound));
+        } else {
+            Decisions()->Record(About(device, {why.event, {}, why.cause, {}}, decision::kFirstTwoAtSwitch,
+                                      decision::kTookSound));
+        }
+    }
+    for (const USBDeviceInfo &device : left)
+        Decisions()->Record(About(device, {why.event, {}, {}, {}}, decision::kNoFreePlace, decision::kWaits));
+}
+
+void CUSBDevice::MuteUSBOutput(bool mute, const OutputChange &why)
 {
     std::vector<USBDeviceInfo> changed;
     {
@@ -116,10 +160,14 @@ void CUSBDevice::MuteUSBOutput(bool mute)
     }
     std::vector<std::string> names;
     for (const USBDeviceInfo &device : changed) {
-        if (mute)
+        if (mute) {
+            Decisions()->Record(About(device, why, why.rule, decision::kReleased));
             StopUsing(device);
-        else
+        } else {
+            // The unmute a new device's own route change brings is part of that device's decision.
+            Decisions()->RecordIfOutcomeChanges(About(device, why, why.rule, decision::kTookSound));
             StartUsing(device);
+        }
         names.push_back(device.strProductName);
     }
     LOGI("send KPI %zu size.", names.size());

@@ -5,6 +5,7 @@
 
 #include "AudioControlMgr.h"
 #include "DMesgAnalysis.h"
+#include "DecisionLog.h"
 #include "HadrixDbusAPIServer.h"
 #include "HadrixUtil.h"
 #include "KeyEventHandler.h"
@@ -31,6 +32,43 @@ constexpr char kActionRemoved[] = "removed";
 bool IsStandby(unsigned int state)
 {
     return state == kStandbyPowerState || state == kDeepStandbyPowerState;
+}
+
+// The event of a hot-plug action; null for an action the service does not handle.
+const char *HotplugEvent(const char *action)
+{
+    if (strcmp(action, kActionAdded) == 0)
+        return decision::kHotplugAdded;
+    return strcmp(action, kActionRemoved) == 0 ? decision::kHotplugRemoved : nullptr;
+}
+
+// A hot-plug event the filter ends: dropped, or the device left alone.
+void RecordFiltered(const USBDeviceInfo &info, int card, const char *event, const char *outcome, const char *rule,
+                    const DecisionInputs &inputs = DecisionInputs())
+{
+    if (event)
+        CSingleton<CDecisionLog>::GetInstance()->Record(CDecisionLog::About(info, card, event, rule, outcome, inputs));
+}
+
+int64_t KernelTime(uint32_t ms)
+{
+    return ms == CDMesgAnalysis::TIME_UNKNOWN ? decision::kUnknownTime : static_cast<int64_t>(ms);
+}
+
+// Whether the sound is to switch to a device plugged now, and why: the stored USB audio mode,
+// else the kernel log's judgement.
+bool JudgeSwitch(const std::string &devPath, DecisionReason &why)
+{
+    if (CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode()) {
+        why.rule = decision::kUsbAudioMode;
+        why.inputs.usbAudioMode = true;
+        return true;
+    }
+    CDMesgAnalysis::SpeakerJudgement judged;
+    const bool change = CSingleton<CDMesgAnalysis>::GetInstance()->NeedChangeSpeaker(devPath, &judged);
+    why = judged.Reason();
+    why.inputs.usbAudioMode = false;
+    return change;
 }
 
 } // namespace
@@ -109,44 +147,21 @@ void CUSBHeadsetMgr::m_DetectUsb(usb_device_s *device, const char *action, CUSBH
         LOGD("");
         return;
     }
-    if (self->m_CurPowerState >= kFirstAbnormalPowerState) {
-        LOGE("power state is not normal");
+    const char *event = HotplugEvent(action);
+    if (self->m_DroppedInLowPower(device, event))
         return;
-    }
     // Read once here; the device manager's steps find what was read.
     const CUsbDeviceSnapshot snapshot(device);
-    const UsbDeviceProperties &props = snapshot.Get();
-    LOGD("class:%d", props.usbClass);
-    if (props.usbClass != USB_DEVICE_CLASS_AUDIO) {
-        LOGE("Not audio deveice");
+    const USBDeviceInfo &info = snapshot.Get().info;
+    if (!self->m_PassesFilter(snapshot.Get(), event))
         return;
-    }
-    if (self->m_StandbyTimerId.IsPending()) {
-        LOGE("delay to check usb device timer exist");
-        return;
-    }
-
-    const USBDeviceInfo &info = props.info;
-    LOGI("devpath: %s, name:%s, product:%s, vender id:%d, product id:%d, device No.%d", info.strDevPath.c_str(),
-         props.devName.c_str(), info.strProductName.c_str(), info.nVendorId, info.nProductId, props.number);
-
-    int card = 0;
-    if (!CUsbServiceUtil::GetCardNum(info.strDevPath, &card)) {
-        LOGE("no card num, ignore");
-        return;
-    }
-    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId)) {
-        LOGE("camera device");
-        return;
-    }
 
     CUSBDevice *usbDevice = CSingleton<CUSBDevice>::GetInstance();
     if (strcmp(action, kActionAdded) == 0) {
-        CDMesgAnalysis *analysis = CSingleton<CDMesgAnalysis>::GetInstance();
-        analysis->TriggerParse(true);
-        const bool speakerChange = CSingleton<CLocalFileData>::GetInstance()->IsUSBAudioMode() ||
-                                   analysis->NeedChangeSpeaker(info.strDevPath);
-        usbDevice->AddDevice(device, speakerChange);
+        CSingleton<CDMesgAnalysis>::GetInstance()->TriggerParse(true);
+        DecisionReason why;
+        const bool speakerChange = JudgeSwitch(info.strDevPath, why);
+        usbDevice->AddDevice(device, speakerChange, why);
     } else if (strcmp(action, kActionRemoved) == 0) {
         usbDevice->RemoveDevice(device);
     }
@@ -155,6 +170,57 @@ void CUSBHeadsetMgr::m_DetectUsb(usb_device_s *device, const char *action, CUSBH
     self->m_SetKeyGrabOrUngrab();
     CUSBAPIServer::m_SendEventToClient(nullptr);
     LOGI("Ondetect info end");
+}
+
+bool CUSBHeadsetMgr::m_DroppedInLowPower(usb_device_s *device, const char *event)
+{
+    if (m_CurPowerState < kFirstAbnormalPowerState)
+        return false;
+    LOGE("power state is not normal");
+    DecisionInputs inputs;
+    inputs.powerState = static_cast<int32_t>(m_CurPowerState);
+    if (event)
+        RecordFiltered(CUsbDeviceSnapshot::Of(device).info, -1, event, decision::kDropped,
+                       decision::kPowerStateNotNormal, inputs);
+    return true;
+}
+
+// The filter's steps after the power state, in their order: an audio-class device, no resume
+// pending, a sound card, no webcam. What it ends is recorded with the rule that ended it.
+bool CUSBHeadsetMgr::m_PassesFilter(const UsbDeviceProperties &props, const char *event)
+{
+    const USBDeviceInfo &info = props.info;
+    LOGD("class:%d", props.usbClass);
+    if (props.usbClass != USB_DEVICE_CLASS_AUDIO) {
+        LOGE("Not audio deveice");
+        DecisionInputs inputs;
+        inputs.interfaceClass = props.usbClass;
+        RecordFiltered(info, -1, event, decision::kLeftAlone, decision::kNotAudioInterface, inputs);
+        return false;
+    }
+    if (m_StandbyTimerId.IsPending()) {
+        LOGE("delay to check usb device timer exist");
+        DecisionInputs inputs;
+        inputs.powerChangedMs = KernelTime(CSingleton<CDMesgAnalysis>::GetInstance()->GetPowerChangedTime());
+        inputs.uptimeMs = CUsbServiceUtil::GetUptime();
+        RecordFiltered(info, -1, event, decision::kDropped, decision::kResumePending, inputs);
+        return false;
+    }
+    LOGI("devpath: %s, name:%s, product:%s, vender id:%d, product id:%d, device No.%d", info.strDevPath.c_str(),
+         props.devName.c_str(), info.strProductName.c_str(), info.nVendorId, info.nProductId, props.number);
+    int card = 0;
+    if (!CUsbServiceUtil::GetCardNum(info.strDevPath, &card)) {
+        LOGE("no card num, ignore");
+        RecordFiltered(info, -1, event, decision::kDropped, decision::kNoCardNumber);
+        return false;
+    }
+    const char *camera = nullptr;
+    if (CUsbServiceUtil::IsCamera(info.strProductName, info.nVendorId, info.nProductId, &camera)) {
+        LOGE("camera device");
+        RecordFiltered(info, card, event, decision::kLeftAlone, camera);
+        return false;
+    }
+    return true;
 }
 
 void CUSBHeadsetMgr::m_PowerStateChangedCb(_device_power_state_info *info, void *user_data)
@@ -183,8 +249,11 @@ void CUSBHeadsetMgr::m_ChangePowerState(const _device_power_state_info &info)
         LOGI("launch delay timer");
         m_StandbyTimerId.Start(kStandbyDetectDelayMs, m_DeviceStandbyDetectDelayTimer, this);
     }
-    if (IsStandby(m_CurPowerState))
-        CSingleton<CUSBDevice>::GetInstance()->MuteUSBOutput(true);
+    if (IsStandby(m_CurPowerState)) {
+        OutputChange why{decision::kPowerChange, decision::kStandby, {}, {}};
+        why.inputs.powerState = static_cast<int32_t>(m_CurPowerState);
+        CSingleton<CUSBDevice>::GetInstance()->MuteUSBOutput(true, why);
+    }
 }
 
 gboolean CUSBHeadsetMgr::m_DeviceStandbyDetectDelayTimer(gpointer data)
@@ -249,7 +318,10 @@ void CUSBHeadsetMgr::m_ApplySpeakerRoute(sound_tv_output_route_e route)
 {
     const bool usbHeadset = route == SOUND_TV_OUTPUT_USB_HEADSET;
     CSingleton<CLocalFileData>::GetInstance()->SetUSBAudioMode(usbHeadset);
-    CSingleton<CUSBDevice>::GetInstance()->MuteUSBOutput(!usbHeadset);
+    OutputChange why{decision::kRouteChange, usbHeadset ? decision::kRouteUsb : decision::kRouteNotUsb,
+                                 {}, {}};
+    why.inputs.route = static_cast<int32_t>(route);
+    CSingleton<CUSBDevice>::GetInstance()->MuteUSBOutput(!usbHeadset, why);
     if (m_pAppCb) {
         LOGI("send event to App");
         m_pAppCb();

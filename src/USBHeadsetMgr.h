@@ -11,6 +11,7 @@
 #include "Singleton.h"
 #include "Timer.h"
 #include "UniqueHandle.h"
+#include "UsbDeviceSnapshot.h"
 #include "nimbos/power.h"
 #include "nimbos/sound.h"
 #include "nimbos/usb.h"
@@ -55,6 +56,10 @@ private:
     void m_DeviceInit();
     static void m_OnDetectUsbCB(usb_device_s *device, char *action, void *user_data);
     static void m_DetectUsb(usb_device_s *device, const char *action, CUSBHeadsetMgr *self);
+    // The hot-plug filter, in two steps around the device's snapshot; true for an event that
+    // goes on to the device manager. `event` is the action's decision event (null: another).
+    bool m_DroppedInLowPower(usb_device_s *device, const char *event);
+    bool m_PassesFilter(const UsbDeviceProperties &props, const char *event);
     static void m_PowerStateChangedCb(_device_power_state_info *info, void *user_data);
     void m_ChangePowerState(const _device_power_state_info &info);
     static gboolean m_DeviceStandbyDetectDelayTimer(gpointer data);

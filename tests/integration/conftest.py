@@ -293,6 +293,7 @@ DATA_DIR = '/home/owner/apps_rw/hadrix/data'
 USB_AUDIO_MODE = f'{DATA_DIR}/USB_AUDIO_mode'
 SUBSCRIBER_FILE = f'{DATA_DIR}/.subscriber'
 DEPOT = f'{DATA_DIR}/devices.depot'
+DECISIONS = f'{DATA_DIR}/decisions.json'
 KPI_FILE = '/var/log/hadrix/kpi.jsonl'
 LEVEL_KEY = 'db/hadrix/volume_level'
 MUTE_KEY = 'db/hadrix/volume_mute_status'
@@ -331,9 +332,9 @@ class Tv:
         self.bus.wait_for_name(SERVER_NAME)
         return self.daemon
 
-    def plug(self, name, at=LATER, mixer=None):
+    def plug(self, name, at=LATER, mixer=None, until='Ondetect info end'):
         """Plugs catalogue device `name` (its card with an emulated mixer of these controls, if
-        given, kept in `mixers`); returns once the service has handled it."""
+        given, kept in `mixers`); returns once the service has handled it (logged `until`)."""
         hub = CATALOGUE[name].port.rpartition('.')[0]
         if hub and hub not in self._hubs:
             self._hubs.add(hub)
@@ -344,7 +345,7 @@ class Tv:
             self.mixers[name] = EmulatedCard(headset.card, mixer)
             self.bed.attach_ioctl(headset.control, self.mixers[name])
             self.bed.initialize(headset)
-        self.daemon.wait_for_log('Ondetect info end', since=mark, timeout=10)
+        self.daemon.wait_for_log(until, since=mark, timeout=10)
         self.plugged[name] = headset
         return headset
 

@@ -183,6 +183,9 @@ def test_policy_lets_only_the_service_user_own_the_names_and_anyone_call_the_api
                 (0, request_name, False, 'AccessDenied'),
                 (someone, (SERVER_NAME, SERVER_PATH, f'{SERVER_IFACE}.check_dbus_connection',
                            'player'), True, "('objplayer',)"),
+                (someone, (SERVER_NAME, '/org/nimbos/hadrix/Diagnostics',
+                           'org.nimbos.hadrix.Diagnostics.GetHistory', 'uint32 5'), True,
+                 '(@aa{sv} [],)'),
                 # Launch requests carry debug commands: root only.
                 (someone, launch, False, 'AccessDenied'),
                 (0, launch, True, '()')]:

@@ -11,7 +11,7 @@ from typing import Callable
 
 import pytest
 
-from conftest import DEPOT, KPI_FILE, MUTE_KEY, SUBSCRIBER_FILE, USB_AUDIO_MODE
+from conftest import DECISIONS, DEPOT, KPI_FILE, MUTE_KEY, SUBSCRIBER_FILE, USB_AUDIO_MODE
 from simtv.bus import HADRIX_BUS_NAME, launch
 from simtv.wait import WaitTimeout
 
@@ -44,6 +44,13 @@ def boot_with_the_kernel_usb_table(tv):
         out.write('T:  Bus=01 Lev=01 Prnt=01 Port=00 Cnt=01 Dev#=  3 Spd=12   MxCh= 0\n'
                   'P:  Vendor=0b0e ProdID=0300 Rev= 1.00\n')
     boot_with_a_headset(tv)
+
+
+def boot_until_the_decisions_are_saved(tv):
+    """The decision taken at start-up is saved half a second later."""
+    boot_with_a_headset(tv)
+    saved = tv.root / DECISIONS
+    tv.daemon.wait_until(lambda: saved.is_file() and not saved.is_symlink(), what='the decisions saved')
 
 
 def a_client_subscribes(tv):
@@ -91,6 +98,8 @@ CASES = {
                   WRITE.format(r'/home/\S+/devices\.depot'), OPEN_FAILED),
     'subscriber-file': Case(service_path(SUBSCRIBER_FILE), a_client_subscribes, None,
                             'symbolic link is detected'),
+    # Refused when read at start (the link is moved aside, not followed), replaced when saved.
+    'decision-history': Case(service_path(DECISIONS), boot_until_the_decisions_are_saved, None, ''),
     'usb-audio-mode-marker': Case(service_path(USB_AUDIO_MODE),
                                   boot_then_a_headset_plugged_by_the_viewer,
                                   'SetUSBAudioMode enter : 1', MARKER_THERE_OR_REFUSED),

@@ -22,7 +22,11 @@ STORY = {
         ('hadrix', r'^no USB audio device at start-up$')],
     'Devices that are not for the TV sound': [
         ('hadrix', r'^it is a webcam: its microphone is no output, ignored$'),
-        ('hadrix', r"^it is a gamepad's sound card: left alone$")],
+        ('hadrix', r"^it is a gamepad's sound card: left alone$"),
+        ('client', r'^HD Pro Webcam C920 \(Logitech, 046d:082d, port 1-4, card 4\): was left alone when it '
+                   r"was plugged in at \d\d:\d\d:\d\d\. Its name is in the service's table of webcams"),
+        ('client', r"^8BitDo Pro 2 Audio \(8BitDo, 2dc8:3106, port 1-7\): was left alone .* It is a "
+                   r"gamepad's audio function: the gamepad library lists a gamepad with its USB ids\.$")],
     "A headset of the viewer's": [
         ('viewer', r'^plugs a USB headset, Jabra Evolve 20'),
         ('platform', r'^sound manager <- output route 15$'),
@@ -37,7 +41,10 @@ STORY = {
     'More headsets: two carry the sound, a third waits': [
         ('bus', r'^audio server <- "Start" card 2$'),
         ('popup', r'^└ .*Noise may occur.*\[beside it: the USB-port guide image\]$'),
-        ('hadrix', r'^two headsets already carry the sound: this one waits$')],
+        ('hadrix', r'^two headsets already carry the sound: this one waits$'),
+        ('client', r'^Arctis 1 Wireless \(SteelSeries, 1038:12b3, port 1-3, card 3\): waits for a free '
+                   r'place when it was plugged in at .* Two devices take the sound at most: 2 attached, \d in '
+                   r'use\.$')],
     'Multiview and screen mirroring': [
         ('platform', r'^multiview screen <- volume info: mute off, level 41$'),
         ('hadrix', r'^screen mirroring changed the level to 30$')],
@@ -49,7 +56,11 @@ STORY = {
         ('hadrix', r'^power state 0 -> 4$'),
         ('bus', r'^audio server <- "Stop" card 2$'),
         ('hadrix', r'^USB audio mode from before: the sound goes to the headset$'),
-        ('bus', r'^audio server <- "Start" card 1$')],
+        ('bus', r'^audio server <- "Start" card 1$'),
+        ('client', r'^Evolve 20 \(Jabra, 0b0e:0300, port 1-1, card 1\): took the sound when the service '
+                   r'looked for devices after standby at .* USB audio mode was stored'),
+        ('client', r'^Arctis 1 Wireless .*: waits for a free place when the service looked for devices '
+                   r'after standby')],
     'An engineer asks the service directly': [
         ('client', r'^\$ hadrixctl debug audio_control getUsbOutGain$'),
         ('hadrix', r'^debug command result: the headset gain is 30$')],
@@ -139,6 +150,9 @@ def test_run_takes_commands_and_can_be_reached_from_another_shell(tmp_path):
                 ('key up', r'TV viewer <- extvolume_updown "up,51": the volume bar shows 51'),
                 ('ctl devices',
                  r'client +yes +USB Headphone +connected +51 +Evolve 20 \(USB\) +Jabra$'),
+                ('why 1-1', r'client +Evolve 20 \(Jabra, 0b0e:0300, port 1-1, card 1\): took the sound '
+                            r'when it was plugged in'),
+                ('why nothing', r'client +\(exit status 1\)$'),
                 ('state', r'state +headset volume 51, muted 0$'),
                 ('quit', r'tv +hadrix exited with status 0$')]:
             expect(command, pattern)

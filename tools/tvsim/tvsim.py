@@ -604,6 +604,9 @@ def demo(tv):
     scene('Devices that are not for the TV sound')
     tv.plug_and_watch('webcam')
     tv.plug_and_watch('gamepad')
+    say('tv', 'support asks the service why it left them alone')
+    tv.ctl('why')
+    tv.settle(0.3)
 
     scene("A headset of the viewer's")
     tv.plug_and_watch('headset', then=0.6)
@@ -631,6 +634,7 @@ def demo(tv):
     scene('More headsets: two carry the sound, a third waits')
     tv.plug_and_watch('headset2')
     tv.plug_and_watch('headset3', then=0.6)
+    tv.ctl('why', 'Arctis 1 Wireless')
     tv.key('down')
     tv.settle(0.8)
 
@@ -660,6 +664,7 @@ def demo(tv):
     tv.resume()
     tv.settle_until('switch to usb speaker as it is usb audio mode...', 8)
     tv.settle(1.2)  # the gamepad library is asked again a second later
+    tv.ctl('why')
 
     scene('An engineer asks the service directly')
     tv.ctl('debug', 'audio_control', 'getUsbOutGain')
@@ -778,6 +783,11 @@ def _ctl(tv, args):
         tv.ctl(*args)
 
 
+def _why(tv, args):
+    """why [DEVICE]: a product name may hold blanks."""
+    tv.ctl('why', *([' '.join(args)] if args else []))
+
+
 def _wait(tv, args):
     usage = 'wait SECONDS (up to 600)'
     (seconds,) = expect_args(args, 1, usage)
@@ -811,6 +821,8 @@ COMMANDS = {
     'language': Command('language NAME', f'the menu language ({", ".join(LANGUAGES)})', _language),
     'ctl': Command('ctl ARGS...', 'hadrixctl ARGS... (ctl devices, ctl monitor, '
                                   'ctl debug localFileData volumeUp)', _ctl),
+    'why': Command('why [DEVICE]', 'what the service decided about each device and why '
+                                   '(hadrixctl why)', _why),
     'state': Command('state', 'what the TV knows now', _no_args(SimulatedTV.state, 'state')),
     'wait': Command('wait SECONDS', 'just watch', _wait),
     'help': Command('help', 'this list', lambda tv, args: print(commands_help(), flush=True)),

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -374,26 +375,30 @@ struct Judgement {
     uint32_t detected; // the headset's line on 1-1
     uint32_t now;
     bool plugIn;
+    const char *rule; // the judgement that decided
     bool otherPort = false; // asked about 1-2.3, which no line names
 };
 
+// Each case also names the judgement that decided and hands back the numbers it compared.
 TEST_F(DMesgAnalysisTest, ChangeSpeakerAtTheBoundaries)
 {
+    using namespace decision;
     const Judgement cases[] = {
         // The core is up at 2,000 ms; a plug-in is a detection more than 5,000 ms later.
-        {UNKNOWN, 2000, 7000, 100000, false}, {UNKNOWN, 2000, 7001, 100000, true},
-        {UNKNOWN, 2000, 1999, 100000, false}, {UNKNOWN, 2000, 2000, 100000, false},
+        {UNKNOWN, 2000, 7000, 100000, false, kDetectedWithCore}, {UNKNOWN, 2000, 7001, 100000, true, kDetectedAfterCore},
+        {UNKNOWN, 2000, 1999, 100000, false, kDetectedWithCore}, {UNKNOWN, 2000, 2000, 100000, false, kDetectedWithCore},
         // Asked within 5,000 ms of a power change, a detection within 5,000 ms of it, or before it
         // (the difference wraps), is no plug-in; from 5,000 ms on only the core judgement counts.
-        {100000, 2000, 102000, 104999, false}, {100000, 2000, 102000, 105000, true},
-        {100000, 2000, 105000, 104000, false}, {100000, 2000, 105001, 104000, true},
-        {100000, 2000, 99000, 101000, false}, {100000, 2000, 99000, 105000, true},
-        {100000, 2000, 99000, 101000, false, true},
+        {100000, 2000, 102000, 104999, false, kPowerChanged}, {100000, 2000, 102000, 105000, true, kDetectedAfterCore},
+        {100000, 2000, 105000, 104000, false, kPowerChanged}, {100000, 2000, 105001, 104000, true, kDetectedAfterCore},
+        {100000, 2000, 99000, 101000, false, kPowerChanged}, {100000, 2000, 99000, 105000, true, kDetectedAfterCore},
+        {100000, 2000, 99000, 101000, false, kPowerChanged, true},
         // An unknown detection with a known core: a plug-in once the core is 30 s up.
-        {UNKNOWN, 2000, 3000, 31999, false, true}, {UNKNOWN, 2000, 3000, 32000, true, true},
+        {UNKNOWN, 2000, 3000, 31999, false, kCoreUpRecently, true}, {UNKNOWN, 2000, 3000, 32000, true, kCoreUpLongAgo, true},
         // An unknown core: a plug-in once the uptime is 30 s, whatever the detection.
-        {UNKNOWN, UNKNOWN, 25000, 29998, false}, {UNKNOWN, UNKNOWN, 25000, 29999, true},
-        {UNKNOWN, UNKNOWN, 25000, 29998, false, true}, {UNKNOWN, UNKNOWN, 25000, 29999, true, true}};
+        {UNKNOWN, UNKNOWN, 25000, 29998, false, kCoreUnknownEarly}, {UNKNOWN, UNKNOWN, 25000, 29999, true, kCoreUnknownLate},
+        {UNKNOWN, UNKNOWN, 25000, 29998, false, kCoreUnknownEarly, true},
+        {UNKNOWN, UNKNOWN, 25000, 29999, true, kCoreUnknownLate, true}};
     for (const Judgement &c : cases) {
         SCOPED_TRACE(::testing::Message() << "power " << c.power << " core " << c.core << " detected "
                                           << c.detected << " now " << c.now << " other port " << c.otherPort);
@@ -407,7 +412,18 @@ TEST_F(DMesgAnalysisTest, ChangeSpeakerAtTheBoundaries)
         fresh.TriggerParse(true);
         ASSERT_EQ(fresh.GetUsbDetectedTimeByDevPath(PATH_1_1), c.detected);
         m_Now = c.now;
-        EXPECT_EQ(fresh.NeedChangeSpeaker(c.otherPort ? PATH_1_2_3 : PATH_1_1), c.plugIn);
+        const std::string &path = c.otherPort ? PATH_1_2_3 : PATH_1_1;
+        EXPECT_EQ(fresh.NeedChangeSpeaker(path), c.plugIn);
+        CDMesgAnalysis::SpeakerJudgement why;
+        EXPECT_EQ(fresh.NeedChangeSpeaker(path, &why), c.plugIn);
+        EXPECT_STREQ(why.rule, c.rule);
+        const uint32_t detected = c.otherPort ? UNKNOWN : c.detected;
+        EXPECT_EQ(std::make_tuple(why.detected, why.core, why.power, why.now),
+                  std::make_tuple(detected, c.core, c.power, c.now));
+        const DecisionReason reason = why.Reason();
+        EXPECT_EQ(reason.outcomeIfKept, c.rule == kPowerChanged ? kPresentAtResume : kPresentAtBoot);
+        EXPECT_EQ(reason.inputs.detectedMs, detected == UNKNOWN ? kUnknownTime : int64_t{detected});
+        EXPECT_EQ(reason.inputs.coreInitMs, c.core == UNKNOWN ? kUnknownTime : int64_t{c.core});
     }
 }
 
