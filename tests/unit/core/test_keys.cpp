@@ -189,6 +189,8 @@ TEST(VolumeKeyLevels, APressStepsTheStoredLevelByOneAndEachRepeatOfAHeldKeyByTwo
         {2, {down, down}, {"down,1", "down2,0"}},
         {50, {up, up, letGoUp, up}, {"up,51", "up2,53", "up,54"}},
         {50, {up, up, down}, {"up,51", "up2,53", "down,52"}},
+        {120, {up}, {"down,100"}}, // the settings store holds any number
+        {-7, {down}, {"up,0"}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE("stored level " + std::to_string(c.stored));
@@ -251,8 +253,9 @@ TEST_F(VolumeKeys, KeysOfTheAttachedHeadsetItselfAreDroppedBeforeAnyBeep)
 TEST_F(VolumeKeys, KeysOfTheRemoteTheSmartControlAndDevicesWithoutANameOrNotAttachedAreHandled)
 {
     Start();
-    const std::optional<std::string> devices[] = {std::string("Smart Control 2016"), std::string(""), std::nullopt,
-                                                  std::string("USB Keyboard"), std::string("Logitech H390 USB Headset")};
+    const std::optional<std::string> devices[] = {
+        std::string("rc device Jabra Evolve 20"), std::string("Smart Control 2016"), std::string(""), std::nullopt,
+        std::string("USB Keyboard"), std::string("Logitech H390 USB Headset")};
     int level = 50;
     for (const std::optional<std::string> &device : devices) {
         Press(kUp, device);
