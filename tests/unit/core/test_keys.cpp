@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "KeyEventHandler.h"
+#include "nimbos/keyrouter.h"
 #include "ServiceHarness.h"
 #include "nimbos/fake.h"
 
@@ -134,6 +135,9 @@ TEST_F(VolumeKeys, TheLearnRemotePageKeepsTheKeysWithTheViewerWhileItIsShown)
     tv.Start();
     EXPECT_TRUE(fake::CallsTo("capi_window_tv_set_grabbed_keys").empty());
 
+    fake::SetString(kLearnRemoteKey, "0");
+    tv.Settle();
+    EXPECT_TRUE(fake::GrabbedKeys(kWindow).empty()) << "the page is a number";
     const std::pair<int, std::set<std::string>> pages[] = {{0, kVolumeKeys}, {7, kVolumeKeys}, {1, {}}, {0, kVolumeKeys}};
     for (const auto &[page, grabbed] : pages) {
         fake::SetInt(kLearnRemoteKey, page);
@@ -146,6 +150,32 @@ TEST_F(VolumeKeys, TheLearnRemotePageKeepsTheKeysWithTheViewerWhileItIsShown)
     fake::SetInt(kLearnRemoteKey, 0);
     tv.Settle();
     EXPECT_TRUE(fake::GrabbedKeys(kWindow).empty()) << "the page is not watched once the keys are released";
+}
+
+TEST(VolumeKeyGrab, AFailingKeyRouterIsLoggedAndTheGrabGoesOn)
+{
+    ServiceHarness tv;
+    tv.Start();
+    const std::pair<int, const char *> connectFailures[] = {{KEYROUTER_ERROR_NO_DISPLAY, "wl2_display is null"},
+                                                            {KEYROUTER_ERROR_NO_ROUTER, "wl_registry is null"},
+                                                            {KEYROUTER_ERROR_NO_SEAT, "seat is null"},
+                                                            {KEYROUTER_ERROR_TIMED_OUT, "display is null"}};
+    for (const auto &[code, message] : connectFailures) {
+        fake::FailNext("keyrouter_connect", code);
+        EXPECT_FALSE(CKeyHandler::GetInstance()->m_InitializeGrab());
+        const std::vector<std::string> logged = ServiceHarness::LoggedMessages();
+        EXPECT_EQ(std::vector<std::string>(logged.end() - 2, logged.end()),
+                  (std::vector<std::string>{message, "keyrouter_connect return : " + std::to_string(code)}));
+    }
+
+    fake::FailNext("capi_window_tv_reset_key_grab_config", KEYROUTER_ERROR_IO_ERROR);
+    fake::FailNext("capi_window_tv_add_key", KEYROUTER_ERROR_IO_ERROR);
+    CKeyHandler::GetInstance()->GrabVolumeKey(nullptr, nullptr, nullptr);
+    tv.Settle();
+    EXPECT_EQ(fake::GrabbedKeys(kWindow), (std::set<std::string>{kDown, kMute}));
+    EXPECT_TRUE(fake::PressKey(kDown, std::string(kRemote)));
+    tv.Settle();
+    EXPECT_EQ(fake::GetInt(kLevelKey), 49);
 }
 
 TEST_F(VolumeKeys, APressFromTheRemoteStoresAppliesShowsAndSpeaksTheLevel)

@@ -76,18 +76,23 @@ TEST_F(Multiview, OnlyUiModeExactlyOnTurnsItOn)
 
 TEST_F(Multiview, AHeadsetTakesEveryZoneAndItsLevelAndMuteGoToTheMultiviewUiNotTheViewer)
 {
+    fake::SetBool("db/setting/accessibility/tts", true);
     StartWithHeadset("on");
     EXPECT_EQ(std::make_pair(fake::MultiviewRoute(0), fake::MultiviewRoute(1)),
               std::make_pair(kUsbHeadsetRoute, kUsbHeadsetRoute));
     EXPECT_EQ(VolumeInfo(), Info("off", "40"));
     const size_t launches = fake::Launches().size();
     Press(kUp);
+    ASSERT_TRUE(fake::ReleaseKey(kUp, std::string(kRemote)));
+    tv.Settle();
     EXPECT_EQ(VolumeInfo(), Info("off", "41"));
     Press(kMute);
     EXPECT_EQ(VolumeInfo(), Info("on", R"("none")"));
     Press(kMute);
     EXPECT_EQ(VolumeInfo(), Info("off", "41")) << "unmuted: the stored level";
-    EXPECT_EQ(fake::Launches().size(), launches) << "the TV viewer is not asked";
+    const std::vector<fake::Launch> all = fake::Launches();
+    ASSERT_EQ(all.size(), launches + 1) << "the TV viewer is asked only to beep";
+    EXPECT_EQ(all.back().extraData, (fake::ExtraData{{"cmd", "play_tts"}, {"value", "beep"}}));
 }
 
 TEST_F(Multiview, SwitchedOnWhileAHeadsetCarriesTheSoundItPublishesTheStoredLevel)

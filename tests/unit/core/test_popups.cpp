@@ -117,6 +117,12 @@ TEST(Popups, TheNextPopupTakesThePreviousOneDown)
     EXPECT_EQ(fake::Deleted(), std::vector<int>{first});
     ASSERT_EQ(fake::OnScreen().size(), 1u);
     EXPECT_EQ(fake::OnScreen()[0].id, second);
+
+    // The service hears only of its popup on screen going away.
+    EXPECT_FALSE(fake::CloseNotification(first, NOTIFICATION_EVENT_CLOSED));
+    EXPECT_TRUE(fake::CloseNotification(second, NOTIFICATION_EVENT_DISMISSED));
+    fake::RunPending();
+    EXPECT_EQ(ServiceHarness::LoggedMessages().back(), "event_type: 2");
 }
 
 TEST(Popups, PlugsBringNoiseOnASharedBusTheUnsupportedWarningAndConnectedForAThirdHeadset)
