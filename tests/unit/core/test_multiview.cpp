@@ -66,6 +66,7 @@ TEST_F(Multiview, OnlyUiModeExactlyOnTurnsItOn)
         if (mode)
             fake::SetString(kUiModeKey, *mode);
         CMultiviewHandler::ReleaseInstance();
+        EXPECT_EQ(CMultiviewHandler::GetInstance()->SetMute(true), on);
         EXPECT_EQ(CMultiviewHandler::GetInstance()->SetVolumeLevel(35), on);
         EXPECT_EQ(VolumeInfo(), on ? Info("off", "35") : "<absent>");
     }
