@@ -230,16 +230,22 @@ TEST(AudioAdapters, AFailingPlatformCallIsReportedWithItsCode)
     } calls[] = {
         {"sound_manager_set_speaker_selection", [&] { return sound->SetSpeakerSelection(SOUND_TV_OUTPUT_USB_HEADSET); },
          "sound_manager_set_speaker_selection return : -3"},
-        {"sound_manager_set_mute_gain", [&] { return sound->ApplyMuteGain(100); }, "sound_manager_set_mute_gain return : -3"},
+        {"sound_manager_set_mute_gain", [&] { return sound->ApplyMuteGain(100); },
+         "sound_manager_set_mute_gain return : -3"},
         {"sound_manager_apply_unmute_fade_in", [&] { return sound->ApplyUnmuteFadeIn(); },
          "sound_manager_apply_unmute_fade_in return : -3"},
-        {"IAudioControl::setUsbOutDelay", [&] { return audio->SetUsbHeadSetOutDelay(100); }, "setUsbOutDelay return err : -3"},
-        {"IAudioControl::getUsbOutDelay", [&] { return audio->GetUsbHeadsetOutDelay(&number); }, "getUsbOutDelay return err : -3"},
-        {"IAudioControl::setUsbOutGain", [&] { return audio->SetUsbHeadsetOutGain(20); }, "setUsbOutGain return err : -3"},
+        {"IAudioControl::setUsbOutDelay", [&] { return audio->SetUsbHeadSetOutDelay(100); },
+         "setUsbOutDelay return err : -3"},
+        {"IAudioControl::getUsbOutDelay", [&] { return audio->GetUsbHeadsetOutDelay(&number); },
+         "getUsbOutDelay return err : -3"},
+        {"IAudioControl::setUsbOutGain", [&] { return audio->SetUsbHeadsetOutGain(20); },
+         "setUsbOutGain return err : -3"},
         {"IAudioControl::getUsbOutGain", [&] { return audio->GetUsbHeadsetOutGain(&number); },
          "setUgetUsbOutGainbOutMute return err : -3"},
-        {"IAudioControl::setUsbOutMute", [&] { return audio->SetUsbHeadsetMuteStatus(true); }, "setUsbOutMute return err : -3"},
-        {"IAudioControl::getUsbOutMute", [&] { return audio->GetUsbHeadsetMuteStatus(&flag); }, "getUsbOutMute return err : -3"},
+        {"IAudioControl::setUsbOutMute", [&] { return audio->SetUsbHeadsetMuteStatus(true); },
+         "setUsbOutMute return err : -3"},
+        {"IAudioControl::getUsbOutMute", [&] { return audio->GetUsbHeadsetMuteStatus(&flag); },
+         "getUsbOutMute return err : -3"},
     };
     for (const auto &c : calls) {
         fake::ClearLog();
@@ -251,8 +257,9 @@ TEST(AudioAdapters, AFailingPlatformCallIsReportedWithItsCode)
     fake::ClearLog();
     EXPECT_TRUE(sound->ApplyMuteGain(100));
     EXPECT_TRUE(sound->ApplyUnmuteFadeIn());
-    EXPECT_EQ(ServiceHarness::LoggedMessages(), (std::vector<std::string>{"sound_manager_set_mute_gain return : 0",
-                                                                         "sound_manager_apply_unmute_fade_in return : 0"}))
+    EXPECT_EQ(ServiceHarness::LoggedMessages(),
+              (std::vector<std::string>{"sound_manager_set_mute_gain return : 0",
+                                        "sound_manager_apply_unmute_fade_in return : 0"}))
         << "logged on success too";
 
     fake::SetRoute(3);

@@ -138,7 +138,8 @@ TEST_F(ClientApi, SubscribersAreOneLineEachInTheFileWhichTheNextStartReads)
 
 TEST_F(ClientApi, ANameThatWouldNotReadBackAsOneWordIsRefusedAndSoIsAnyNewOneWhenTheTableIsFull)
 {
-    for (const std::string &name : {std::string("two words"), std::string("form\ffeed"), std::string(256, 'q'), std::string()}) {
+    for (const std::string &name :
+         {std::string("two words"), std::string("form\ffeed"), std::string(256, 'q'), std::string()}) {
         EXPECT_EQ(CallWithName(api::kSubscribe, name), kInvalidArgs) << name;
         EXPECT_EQ(CallWithName(api::kUnsubscribe, name), "obj" + name.substr(0, 252)) << "nothing to remove";
     }
@@ -199,7 +200,8 @@ TEST_F(ClientApi, EveryChangeOfTheDevicesIsBroadcastToTheClients)
     message.Flush();
     ASSERT_EQ(notify.Signals().size(), 2u) << "the plug and the unplug";
     ASSERT_EQ(message.Signals().size(), 2u);
-    for (const auto &[recorder, arguments] : {std::make_pair(&notify, "({123: 321},)"), std::make_pair(&message, "(10,)")}) {
+    for (const auto &[recorder, arguments] :
+         {std::make_pair(&notify, "({123: 321},)"), std::make_pair(&message, "(10,)")}) {
         for (const SignalRecorder::Signal &signal : recorder->Signals()) {
             EXPECT_EQ(signal.path, api::kSignalPath);
             g_autofree char *printed = g_variant_print(signal.arguments.get(), FALSE);

@@ -55,8 +55,9 @@ TEST_F(DebugCommands, AudioControlSetsFixedValuesAndLogsWhatItGets)
         const char *value;
         fake::UsbOut output;
     } sets[] = {
-        {"setUsbOutGain", {false, 20, 0}},   {"setUsbOutGain=99", {false, 20, 0}}, {"setUsbOutDelays", {false, 20, 100}},
-        {"setUsbOutMuteOn", {true, 20, 100}}, {"setUsbOutMuteOff", {false, 20, 100}},
+        {"setUsbOutGain", {false, 20, 0}},    {"setUsbOutGain=99", {false, 20, 0}},
+        {"setUsbOutDelays", {false, 20, 100}}, {"setUsbOutMuteOn", {true, 20, 100}},
+        {"setUsbOutMuteOff", {false, 20, 100}},
     };
     for (const auto &set : sets) {
         EXPECT_TRUE(Has(Send({{"audio_control", set.value}}), "ret : 1")) << set.value;
@@ -79,7 +80,8 @@ TEST_F(DebugCommands, SoundManagerCommandsUseTheUsbRouteAndTheFixedGains)
     EXPECT_EQ(fake::Route(), kUsbHeadsetRoute);
     Send({{"soundManager", "SetMute"}});
     Send({{"soundManager", "UnmuteFadeIn"}});
-    EXPECT_EQ(fake::CallsTo("sound_manager_set_mute_gain"), (std::vector<fake::Call>{{"sound_manager_set_mute_gain", {"3", "100"}}}));
+    EXPECT_EQ(fake::CallsTo("sound_manager_set_mute_gain"),
+              (std::vector<fake::Call>{{"sound_manager_set_mute_gain", {"3", "100"}}}));
     EXPECT_EQ(fake::CallsTo("sound_manager_apply_unmute_fade_in"),
               (std::vector<fake::Call>{{"sound_manager_apply_unmute_fade_in", {"3"}}}));
 
@@ -115,8 +117,9 @@ TEST_F(DebugCommands, LocalFileDataStepsTheStoredVolumeByOne)
 
 TEST_F(DebugCommands, TheFirstKeyInTheFixedOrderIsTheCommand)
 {
-    const Request order = {{"pulse", "p"},       {"audio_control", "a"}, {"speakerManager", "s"}, {"soundManager", "m"},
-                           {"localFileData", "l"}, {"cset", "x"},          {"cget", "y"},           {"setMaxVolume", "z"}};
+    const Request order = {{"pulse", "p"},         {"audio_control", "a"}, {"speakerManager", "s"},
+                           {"soundManager", "m"},  {"localFileData", "l"}, {"cset", "x"},
+                           {"cget", "y"},          {"setMaxVolume", "z"}};
     for (size_t first = 0; first < order.size(); ++first) {
         // Sent last first: the order of the request does not matter.
         const Request request(order.rbegin(), order.rend() - static_cast<long>(first));
@@ -131,9 +134,9 @@ TEST_F(DebugCommands, TheFirstKeyInTheFixedOrderIsTheCommand)
 TEST_F(DebugCommands, UnknownKeysAndSubCommandsAreRefusedAndChangeNothing)
 {
     fake::SetInt(kLevelKey, 10);
-    const Request unknown = {{"no_such_key", "x"},      {"audio_control", "setUsbOut"}, {"audio_control", "SETUSBOUTGAIN"},
-                             {"soundManager", "Set"},   {"pulse", "o"},                 {"localFileData", ""},
-                             {"setMaxVolume", "abc"},   {"setMaxVolume", "0"},          {"setMaxVolume", "-4"}};
+    const Request unknown = {{"no_such_key", "x"},   {"audio_control", "setUsbOut"}, {"audio_control", "SETUSBOUTGAIN"},
+                             {"soundManager", "Set"}, {"pulse", "o"},                 {"localFileData", ""},
+                             {"setMaxVolume", "abc"}, {"setMaxVolume", "0"},          {"setMaxVolume", "-4"}};
     std::vector<std::string> refusals;
     for (const auto &pair : unknown)
         for (const std::string &message : Send({pair}))

@@ -87,6 +87,9 @@ public:
         return values;
     }
     static int StoredLevel() { return fake::GetInt(kLevelKey).value_or(-1); }
+    // The stored mute state and the USB output's.
+    using MuteState = std::pair<std::optional<int>, bool>;
+    static MuteState Mute() { return {fake::GetInt(kMuteKey), fake::UsbOutput().mute}; }
 
     ServiceHarness tv;
 
@@ -259,9 +262,9 @@ TEST_F(VolumeKeys, TheMuteKeyTogglesAndAVolumePressWhileMutedUnmutesFirst)
 {
     Start();
     Press(kMute);
-    EXPECT_EQ((std::make_pair(fake::GetInt(kMuteKey), fake::UsbOutput().mute)), std::make_pair(std::optional<int>(1), true));
+    EXPECT_EQ(Mute(), MuteState(1, true));
     Press(kMute);
-    EXPECT_EQ((std::make_pair(fake::GetInt(kMuteKey), fake::UsbOutput().mute)), std::make_pair(std::optional<int>(0), false));
+    EXPECT_EQ(Mute(), MuteState(0, false));
     Press(kMute);
     Press(kDown);
     EXPECT_EQ(Commands(), (std::vector<Command>{{"extvolume", "-4"},
@@ -269,7 +272,7 @@ TEST_F(VolumeKeys, TheMuteKeyTogglesAndAVolumePressWhileMutedUnmutesFirst)
                                                 {"extvolume", "-4"},
                                                 {"extvolume", "-5"},
                                                 {"extvolume_updown", "down,49"}}));
-    EXPECT_EQ((std::make_pair(fake::GetInt(kMuteKey), fake::UsbOutput().mute)), std::make_pair(std::optional<int>(0), false));
+    EXPECT_EQ(Mute(), MuteState(0, false));
 }
 
 TEST_F(VolumeKeys, KeysOfTheAttachedHeadsetItselfAreDroppedBeforeAnyBeep)

@@ -140,7 +140,8 @@ TEST(Popups, PlugsBringNoiseOnASharedBusTheUnsupportedWarningAndConnectedForAThi
         popups.emplace_back(popup.title, popup.content);
     }
     EXPECT_EQ(popups, (std::vector<std::pair<std::string, std::string>>{
-                          {"H390 USB Headset", std::string("TV_SID_SOUND_CCJUN_CONNECT_TO_ANOTHER_USBSID_SPACE") + kNoiseOnPort},
+                          {"H390 USB Headset",
+                           std::string("TV_SID_SOUND_CCJUN_CONNECT_TO_ANOTHER_USBSID_SPACE") + kNoiseOnPort},
                           {"Astro A20", "TV_SID_SOUND_CBDEC_USB_DEVICE_NOT_SUPPORTED"},
                           {"Zone Wired", "TV_SID_SOUND_MIX_CBSEP_CONNECT_USB_AUDIO_DEVICE_MSG"},
                       }));
@@ -149,9 +150,9 @@ TEST(Popups, PlugsBringNoiseOnASharedBusTheUnsupportedWarningAndConnectedForAThi
 TEST(Popups, TheConnectedTextLosesEveryNamePlaceholder)
 {
     auto translate = [](const char *) { return std::string("<<A>> is ready. Sound goes to <<A>> now."); };
-    EXPECT_EQ(ChoosePopupContent(NOTI_TYPE_DEVICE_CONNECTED, "Evolve 20", PRODUCT_DEVICE_TV, translate, [] { return false; })
-                  .content,
-              " is ready. Sound goes to  now.");
+    const PopupContent connected = ChoosePopupContent(NOTI_TYPE_DEVICE_CONNECTED, "Evolve 20", PRODUCT_DEVICE_TV,
+                                                      translate, [] { return false; });
+    EXPECT_EQ(connected.content, " is ready. Sound goes to  now.");
 }
 
 } // namespace

@@ -44,7 +44,8 @@ int RunServiceWith(std::function<void()> steps)
 
 // The position of the first call to function (with this first argument, if given) at or after
 // `from` in calls; calls.size() when there is none.
-size_t Find(const std::vector<fake::Call> &calls, size_t from, const std::string &function, const char *firstArg = nullptr)
+size_t Find(const std::vector<fake::Call> &calls, size_t from, const std::string &function,
+            const char *firstArg = nullptr)
 {
     for (size_t i = from; i < calls.size(); ++i)
         if (calls[i].function == function && (!firstArg || (!calls[i].args.empty() && calls[i].args[0] == firstArg)))
