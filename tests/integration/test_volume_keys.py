@@ -153,7 +153,7 @@ def test_multiview_routes_per_zone_and_publishes_the_volume(keys_tv):
     wait_grabbed(tv)
     press(tv, VOLUME_UP)
     tv.daemon.wait_until(lambda: tv.setting(LEVEL_KEY) == '41', what='level 41')
-    # The value's form: test_multiview_json.cpp.
+    # The value's form: tests/unit/core/test_multiview.cpp.
     tv.daemon.wait_until(
         lambda: json.loads(tv.setting(VOLUME_INFO_KEY) or '{}').get('volumelevel') == 41,
         what='volume info 41')

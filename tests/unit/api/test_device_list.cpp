@@ -1,5 +1,5 @@
 // The device list for client applications: where long texts are cut and which devices it shows
-// (the layout as a client reads it: test_client_api.py).
+// (the layout as a client reads it: core/test_client_api.cpp).
 #include <algorithm>
 #include <cstring>
 #include <string>

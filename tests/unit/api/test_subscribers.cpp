@@ -1,5 +1,5 @@
 // The subscriber file: which names can be stored, and what the reader takes from a file (the
-// calls that store them: test_client_api.py).
+// calls that store them: core/test_client_api.cpp).
 #include <sstream>
 #include <string>
 #include <utility>

@@ -10,6 +10,7 @@
 
 #include "AudioControlMgr.h"
 #include "DMesgAnalysis.h"
+#include "DecisionLog.h"
 #include "DevicesDepot.h"
 #include "DevicesDetected.h"
 #include "HadrixDbusAPIServer.h"
@@ -165,8 +166,14 @@ ServiceHarness::~ServiceHarness()
     CSingleton<CSoundManagerHandler>::ReleaseInstance();
     CSingleton<CAudioControlMgr>::ReleaseInstance();
     CSingleton<CKPILog>::ReleaseInstance();
+    CSingleton<CDecisionLog>::ReleaseInstance();
     CSingleton<DevicesDetected>::ReleaseInstance();
     CSingleton<DevicesDepot>::ReleaseInstance();
+    // A start-up parse hands its end to the main loop through GLib, which ThreadSanitizer cannot
+    // see: taking the analyser's lock once more orders the parse thread's last touch of it
+    // before its release.
+    if (CDMesgAnalysis *analysis = CSingleton<CDMesgAnalysis>::PeekInstance())
+        analysis->IsParsingReady();
     CSingleton<CDMesgAnalysis>::ReleaseInstance();
     CSingleton<CLocalFileData>::ReleaseInstance();
     fake::Reset();
@@ -308,6 +315,31 @@ CUSBDevice *ServiceHarness::DeviceManager() const
 CUSBHeadsetMgr *ServiceHarness::HeadsetManager() const
 {
     return CSingleton<CUSBHeadsetMgr>::PeekInstance();
+}
+
+MockService &ServiceHarness::AudioServer()
+{
+    return m_AudioServer;
+}
+
+std::vector<std::string> ServiceHarness::LoggedMessages()
+{
+    static const std::string kPrefixEnd = " > ";
+    static const std::string kColourEnd = "\033[0;m";
+    std::vector<std::string> messages;
+    for (const fake::LogLine &line : fake::LogLines()) {
+        const size_t start = line.text.find(kPrefixEnd);
+        std::string message = start == std::string::npos ? line.text : line.text.substr(start + kPrefixEnd.size());
+        // A coloured message: "\033[0;3Nm" before it, kColourEnd after it.
+        if (message.compare(0, 2, "\033[") == 0) {
+            message.erase(0, message.find('m') + 1);
+            if (message.size() >= kColourEnd.size() &&
+                message.compare(message.size() - kColourEnd.size(), kColourEnd.size(), kColourEnd) == 0)
+                message.resize(message.size() - kColourEnd.size());
+        }
+        messages.push_back(message);
+    }
+    return messages;
 }
 
 void ServiceHarness::m_MakeCardNodes(int card)

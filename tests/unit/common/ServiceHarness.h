@@ -121,6 +121,12 @@ public:
     TempRoot root;
     TestKernelLog kernelLog;
 
+    // The audio server on the test bus: what it was asked, and answers other than the listed cards.
+    MockService &AudioServer();
+    // The messages the service logged since the platform was last reset, in order, each without
+    // its source prefix ("<file>: <function>(<line>) > ") and colour.
+    static std::vector<std::string> LoggedMessages();
+
 private:
     void m_WaitForKernelLogParse();
     void m_MakeCardNodes(int card);
