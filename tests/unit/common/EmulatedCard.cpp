@@ -151,6 +151,18 @@ bool IsValid(const CardControl &control, long value)
 
 } // namespace
 
+UMockdevTestbed *CardTestbed()
+{
+    static const UniqueHandle<UMockdevTestbed, g_object_unref> testbed = [] {
+        UniqueHandle<UMockdevTestbed, g_object_unref> made(umockdev_testbed_new());
+        g_autofree gchar *root = umockdev_testbed_get_root_dir(made.get());
+        g_autofree gchar *catchAll = g_build_filename(root, "ioctl", "_default", nullptr);
+        g_unlink(catchAll);
+        return made;
+    }();
+    return testbed.get();
+}
+
 CardControl Volume(const std::string &name, std::vector<long> values, long min, long max)
 {
     CardControl control;
@@ -185,27 +197,28 @@ void PrintTo(const CardWrite &write, std::ostream *out)
         *out << ", answered " << g_strerror(write.error);
 }
 
-EmulatedCard::EmulatedCard(UMockdevTestbed *testbed, int number, std::vector<CardControl> controls)
-    : m_testbed(testbed), m_number(number), m_node("/dev/snd/controlC" + std::to_string(number)),
-      m_device(umockdev_ioctl_base_new()), m_controls(std::move(controls))
+EmulatedCard::EmulatedCard(int number, std::vector<CardControl> controls)
+    : m_number(number), m_node("/dev/snd/controlC" + std::to_string(number)), m_device(umockdev_ioctl_base_new()),
+      m_controls(std::move(controls))
 {
-    g_autofree gchar *root = umockdev_testbed_get_root_dir(testbed);
-    const std::string file = root + m_node;
-    g_autofree gchar *dir = g_path_get_dirname(file.c_str());
+    g_autofree gchar *root = umockdev_testbed_get_root_dir(CardTestbed());
+    m_file = root + m_node;
+    g_autofree gchar *dir = g_path_get_dirname(m_file.c_str());
     g_mkdir_with_parents(dir, 0755);
     g_autoptr(GError) error = nullptr;
-    if (!g_file_set_contents(file.c_str(), "", 0, &error))
+    if (!g_file_set_contents(m_file.c_str(), "", 0, &error))
         ADD_FAILURE() << error->message;
     g_signal_connect(m_device.get(), "handle-ioctl", G_CALLBACK(OnIoctl), this);
     g_signal_connect(m_device.get(), "client-connected", G_CALLBACK(OnConnected), this);
-    if (!umockdev_testbed_attach_ioctl(testbed, m_node.c_str(), m_device.get(), &error))
+    if (!umockdev_testbed_attach_ioctl(CardTestbed(), m_node.c_str(), m_device.get(), &error))
         ADD_FAILURE() << error->message;
 }
 
 EmulatedCard::~EmulatedCard()
 {
-    umockdev_testbed_detach_ioctl(m_testbed, m_node.c_str(), nullptr);
+    umockdev_testbed_detach_ioctl(CardTestbed(), m_node.c_str(), nullptr);
     g_signal_handlers_disconnect_by_data(m_device.get(), this);
+    g_unlink(m_file.c_str());
 }
 
 void EmulatedCard::FailRequest(unsigned long request, int error)

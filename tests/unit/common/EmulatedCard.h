@@ -19,7 +19,12 @@
 
 namespace hadrix::test {
 
-using Testbed = UniqueHandle<UMockdevTestbed, g_object_unref>;
+// The binary's testbed, made on first use and kept to the end: umockdev keeps descriptors of
+// every testbed made. It has no catch-all ioctl handler: the preload connects every open of a
+// /dev path to that one, failed opens too, and keeps the failed ones in its table of 50 emulated
+// descriptors for good, so looking for absent cards would soon abort the binary (without it, such
+// an open costs one descriptor).
+UMockdevTestbed *CardTestbed();
 
 enum class ControlType { Boolean, Integer, Enumerated, Bytes, Integer64 };
 enum class ControlIface { Card, Mixer, Pcm };
@@ -69,8 +74,9 @@ void PrintTo(const CardWrite &write, std::ostream *out);
 
 class EmulatedCard {
 public:
-    // Numbered controls in the order given (numid 1 first), at /dev/snd/controlC<number>.
-    EmulatedCard(UMockdevTestbed *testbed, int number, std::vector<CardControl> controls);
+    // Numbered controls in the order given (numid 1 first), at /dev/snd/controlC<number> of
+    // CardTestbed() until the card is destroyed.
+    EmulatedCard(int number, std::vector<CardControl> controls);
     ~EmulatedCard();
     EmulatedCard(const EmulatedCard &) = delete;
     EmulatedCard &operator=(const EmulatedCard &) = delete;
@@ -94,9 +100,9 @@ private:
     int ElemWrite(UMockdevIoctlClient *client);
     CardControl *Find(const void *rawId, unsigned int &numid);
 
-    UMockdevTestbed *m_testbed;
     const int m_number;
-    const std::string m_node;
+    const std::string m_node; // in the testbed
+    std::string m_file;       // where it is on disk
     UniqueHandle<UMockdevIoctlBase, g_object_unref> m_device;
     mutable std::mutex m_lock;
     std::vector<CardControl> m_controls;

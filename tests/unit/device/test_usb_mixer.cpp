@@ -29,7 +29,6 @@ using hadrix::test::ControlType;
 using hadrix::test::EmulatedCard;
 using hadrix::test::Enumerated;
 using hadrix::test::Switch;
-using hadrix::test::Testbed;
 using hadrix::test::Volume;
 
 CardWrite ByNumid(const std::string &control, unsigned int numid, std::vector<long> values)
@@ -51,12 +50,11 @@ protected:
     {
         std::unique_ptr<EmulatedCard> &card = m_cards[number];
         card.reset();
-        card = std::make_unique<EmulatedCard>(m_testbed.get(), number, std::move(controls));
+        card = std::make_unique<EmulatedCard>(number, std::move(controls));
         return *card;
     }
 
 private:
-    Testbed m_testbed{umockdev_testbed_new()};
     std::map<int, std::unique_ptr<EmulatedCard>> m_cards;
 };
 
