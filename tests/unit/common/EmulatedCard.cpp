@@ -411,10 +411,11 @@ int EmulatedCard::ElemWrite(UMockdevIoctlClient *client)
         write.values.push_back(ChannelValue(*value, control->type, i));
     const bool valid = std::all_of(write.values.begin(), write.values.end(),
                                    [&](long v) { return IsValid(*control, v); });
-    write.error = !control->writable ? EPERM : !valid ? EINVAL : control->writeError;
+    write.error = !control->writable ? EPERM : !valid ? EINVAL : control->writesBeforeError ? 0 : control->writeError;
     m_writes.push_back(write);
     if (write.error)
         return -write.error;
+    control->writesBeforeError = std::max(control->writesBeforeError - 1, 0);
     for (size_t i = 0; i < write.values.size(); ++i)
         control->values[i] = control->keeps ? std::min(write.values[i], *control->keeps) : write.values[i];
     return 0;

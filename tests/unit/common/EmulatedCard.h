@@ -42,14 +42,15 @@ struct CardControl {
     bool inactive = false;
     std::vector<std::string> items; // of an enumerated control
     std::optional<long> keeps;      // the most the hardware keeps of a larger written value
-    int writeError = 0;             // errno every write to it is answered with
+    int writeError = 0;             // errno writes to it are answered with...
+    int writesBeforeError = 0;      // ...once it has taken this many
 
     CardControl &Inactive() { inactive = true; return *this; }
     CardControl &Unreadable() { readable = false; return *this; }
     CardControl &Unwritable() { writable = false; return *this; }
     CardControl &On(ControlIface other) { iface = other; return *this; }
     CardControl &Keeps(long most) { keeps = most; return *this; }
-    CardControl &FailsWrites(int error) { writeError = error; return *this; }
+    CardControl &FailsWrites(int error, int after = 0) { writeError = error; writesBeforeError = after; return *this; }
 };
 
 // An integer control of the mixer.

@@ -134,22 +134,40 @@ TEST_F(UsbMixer, PlaybackVolumesTheMixerCannotUseAreLeftAlone)
         Volume("Card Playback Volume", {0}, 0, 10).On(ControlIface::Card),
         Volume("Line Playback Volume", {0}, 0, 0),
         Volume("Booth Playback Volume", {-30}, -60, 0),
-        Volume("Side Playback Volume", {5}, 10, 5),
+        Volume("Side Playback Volume", {3}, 5, 5),
     });
     EXPECT_EQ(CUsbMixer::SetMaxVolume(1), MAX_VOLUME_DONE);
     EXPECT_EQ(card.Writes(), std::vector<CardWrite>());
 }
 
+CardWrite Failed(CardWrite write, int error)
+{
+    write.error = error;
+    return write;
+}
+
 TEST_F(UsbMixer, FailedWriteGives3AndTheWalkGoesOn)
 {
-    EmulatedCard &card = Plug({Volume("Master Playback Volume", {10, 10}, 0, 127).FailsWrites(EIO),
-                               Volume("PCM Playback Volume", {10}, 0, 100)});
-    EXPECT_EQ(CUsbMixer::SetMaxVolume(1), MAX_VOLUME_WRITE_FAILED);
-    CardWrite failedByNumid = ByNumid("Master Playback Volume", 1, {127, 127});
-    CardWrite failedByName = ByName("Master Playback Volume", {127, 127});
-    failedByNumid.error = failedByName.error = EIO;
-    // Still low after the failed write by numid, so it is tried once more by name.
-    EXPECT_EQ(card.Writes(), (std::vector<CardWrite>{failedByNumid, failedByName, ByNumid("PCM Playback Volume", 2, {100})}));
+    struct Case {
+        const char *what;
+        std::vector<CardControl> controls;
+        std::vector<CardWrite> writes;
+    };
+    const Case cases[] = {
+        // Still low after the failed write by numid, so it is tried once more by name.
+        {"by numid and by name",
+         {Volume("Master Playback Volume", {10, 10}, 0, 127).FailsWrites(EIO), Volume("PCM Playback Volume", {10}, 0, 100)},
+         {Failed(ByNumid("Master Playback Volume", 1, {127, 127}), EIO),
+          Failed(ByName("Master Playback Volume", {127, 127}), EIO), ByNumid("PCM Playback Volume", 2, {100})}},
+        {"by name only",
+         {Volume("Speaker Playback Volume", {20}, 0, 100).Keeps(50).FailsWrites(EIO, 1)},
+         {ByNumid("Speaker Playback Volume", 1, {100}), Failed(ByName("Speaker Playback Volume", {100}), EIO)}},
+    };
+    for (const Case &c : cases) {
+        EmulatedCard &card = Plug(c.controls);
+        EXPECT_EQ(CUsbMixer::SetMaxVolume(1), MAX_VOLUME_WRITE_FAILED) << c.what;
+        EXPECT_EQ(card.Writes(), c.writes) << c.what;
+    }
 }
 
 TEST_F(UsbMixer, CardNumbersOutsideTheCardsGive1WithoutOpeningAny)
