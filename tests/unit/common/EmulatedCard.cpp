@@ -149,6 +149,31 @@ bool IsValid(const CardControl &control, long value)
     }
 }
 
+// The control the id names the way the kernel looks it up: by numid when it has one, else by
+// interface, device, subdevice, name and index. Null when there is none.
+CardControl *Find(std::vector<CardControl> &controls, const snd_ctl_elem_id &id, unsigned int &numid)
+{
+    numid = id.numid;
+    if (!numid) {
+        auto named = std::find_if(controls.begin(), controls.end(), [&](const CardControl &control) {
+            return control.name == IdName(id) && IfaceNumber(control.iface) == static_cast<int>(id.iface) &&
+                   id.device == 0 && id.subdevice == 0 && id.index == 0;
+        });
+        numid = static_cast<unsigned int>(named - controls.begin()) + 1;
+    }
+    return numid >= 1 && numid <= controls.size() ? &controls[numid - 1] : nullptr;
+}
+
+// The errno a write of these values is answered with, 0 when the card takes it.
+int WriteError(const CardControl &control, const std::vector<long> &values)
+{
+    if (!control.writable)
+        return EPERM;
+    if (!std::all_of(values.begin(), values.end(), [&](long value) { return IsValid(control, value); }))
+        return EINVAL;
+    return control.writesBeforeError ? 0 : control.writeError;
+}
+
 } // namespace
 
 UMockdevTestbed *CardTestbed()
@@ -333,31 +358,15 @@ int EmulatedCard::ElemList(UMockdevIoctlData *arg)
     return 0;
 }
 
-// The control the id names the way the kernel looks it up: by numid when it has one, else by
-// interface, device, subdevice, name and index. Null when there is none.
-CardControl *EmulatedCard::Find(const void *rawId, unsigned int &numid)
-{
-    snd_ctl_elem_id id;
-    std::memcpy(&id, rawId, sizeof id);
-    if (id.numid)
-        numid = id.numid;
-    else {
-        auto named = std::find_if(m_controls.begin(), m_controls.end(), [&](const CardControl &control) {
-            return control.name == IdName(id) && IfaceNumber(control.iface) == static_cast<int>(id.iface) &&
-                   id.device == 0 && id.subdevice == 0 && id.index == 0;
-        });
-        numid = static_cast<unsigned int>(named - m_controls.begin()) + 1;
-    }
-    return numid >= 1 && numid <= m_controls.size() ? &m_controls[numid - 1] : nullptr;
-}
-
 int EmulatedCard::ElemInfo(UMockdevIoctlClient *client)
 {
     ClientStruct<snd_ctl_elem_info> info(umockdev_ioctl_client_get_arg(client));
-    const std::string lookup = info->id.numid ? "numid=" + std::to_string(info->id.numid) : "name='" + IdName(info->id) + "'";
+    // The write that follows on this client names the control by its full id, numid included.
+    const std::string lookup =
+        info->id.numid ? "numid=" + std::to_string(info->id.numid) : "name='" + IdName(info->id) + "'";
     g_object_set_data_full(G_OBJECT(client), kLookupKey, g_strdup(lookup.c_str()), g_free);
     unsigned int numid = 0;
-    const CardControl *control = Find(&info->id, numid);
+    const CardControl *control = Find(m_controls, info->id, numid);
     if (!control)
         return -ENOENT;
     const unsigned int item = info->value.enumerated.item;
@@ -385,7 +394,7 @@ int EmulatedCard::ElemRead(UMockdevIoctlData *arg)
 {
     ClientStruct<snd_ctl_elem_value> value(arg);
     unsigned int numid = 0;
-    const CardControl *control = Find(&value->id, numid);
+    const CardControl *control = Find(m_controls, value->id, numid);
     if (!control)
         return -ENOENT;
     if (!control->readable)
@@ -402,16 +411,14 @@ int EmulatedCard::ElemWrite(UMockdevIoctlClient *client)
 {
     ClientStruct<snd_ctl_elem_value> value(umockdev_ioctl_client_get_arg(client));
     unsigned int numid = 0;
-    CardControl *control = Find(&value->id, numid);
+    CardControl *control = Find(m_controls, value->id, numid);
     if (!control)
         return -ENOENT;
     const char *lookup = static_cast<const char *>(g_object_get_data(G_OBJECT(client), kLookupKey));
     CardWrite write{control->name, lookup ? lookup : "", {}, 0};
     for (size_t i = 0; i < control->values.size(); ++i)
         write.values.push_back(ChannelValue(*value, control->type, i));
-    const bool valid = std::all_of(write.values.begin(), write.values.end(),
-                                   [&](long v) { return IsValid(*control, v); });
-    write.error = !control->writable ? EPERM : !valid ? EINVAL : control->writesBeforeError ? 0 : control->writeError;
+    write.error = WriteError(*control, write.values);
     m_writes.push_back(write);
     if (write.error)
         return -write.error;

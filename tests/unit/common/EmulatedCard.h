@@ -99,7 +99,6 @@ private:
     int ElemInfo(UMockdevIoctlClient *client);
     int ElemRead(UMockdevIoctlData *arg);
     int ElemWrite(UMockdevIoctlClient *client);
-    CardControl *Find(const void *rawId, unsigned int &numid);
 
     const int m_number;
     const std::string m_node; // in the testbed

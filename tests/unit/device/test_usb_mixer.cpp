@@ -60,13 +60,15 @@ private:
 
 TEST_F(UsbMixer, PlaybackVolumesCountByNameAndPlaybackVolumWinsOverExcludingWords)
 {
-    const std::vector<std::string> counted{"Headset Playback Volume", "PCM Playback Volume", "PCM Volume",
-                                           "Master Playback Volum",   "Playback Volum",      "Mic Playback Volume",
-                                           "Capture Playback Volume"};
+    const std::vector<std::string> counted{
+        "Headset Playback Volume", "PCM Playback Volume", "Speaker Playback Volume",  "PCM Volume",
+        "Master Playback Volum",   "Playback Volum",      "Mic Playback Volume",      "Sidetone Playback Volume",
+        "Capture Playback Volume"};
     const std::vector<std::string> ignored{
-        "Mic Capture Volume", "Sidetone Volume", "PCM Playback Switch", "PCM Capture Volume", "PCM Bypass Volume",
-        "PCM Mic Volume",     "PCM Switch Volume", "PCM Map Volume",    "Headset Volume",     "PCM",
-        "Playback Volu",      "pcm volume",      ""};
+        "Mic Capture Volume", "Sidetone Volume", "PCM Playback Switch", "Speaker Playback Switch",
+        "PCM Capture Volume", "PCM Bypass Volume", "PCM Mic Volume", "PCM Switch Volume",
+        "PCM Map Volume",     "Headset Volume",  "PCM",                 "Playback Volu",
+        "pcm volume",         ""};
     std::vector<CardControl> controls;
     for (const auto *names : {&counted, &ignored}) {
         for (const std::string &name : *names)
@@ -156,7 +158,8 @@ TEST_F(UsbMixer, FailedWriteGives3AndTheWalkGoesOn)
     const Case cases[] = {
         // Still low after the failed write by numid, so it is tried once more by name.
         {"by numid and by name",
-         {Volume("Master Playback Volume", {10, 10}, 0, 127).FailsWrites(EIO), Volume("PCM Playback Volume", {10}, 0, 100)},
+         {Volume("Master Playback Volume", {10, 10}, 0, 127).FailsWrites(EIO),
+          Volume("PCM Playback Volume", {10}, 0, 100)},
          {Failed(ByNumid("Master Playback Volume", 1, {127, 127}), EIO),
           Failed(ByName("Master Playback Volume", {127, 127}), EIO), ByNumid("PCM Playback Volume", 2, {100})}},
         {"by name only",
@@ -192,12 +195,18 @@ TEST_F(UsbMixer, EveryCardFrom0To31IsReached)
     }
 }
 
-TEST_F(UsbMixer, CardThatFailsToAnswerGives1)
+// Failing to open, load or describe the card abandons it; a control that cannot be read is
+// skipped.
+TEST_F(UsbMixer, CardThatFailsToAnswerGives1AndAControlThatFailsToBeReadIsSkipped)
 {
-    for (unsigned long request : {SNDRV_CTL_IOCTL_PVERSION, SNDRV_CTL_IOCTL_ELEM_LIST, SNDRV_CTL_IOCTL_ELEM_INFO}) {
+    const std::pair<unsigned long, int> cases[] = {{SNDRV_CTL_IOCTL_PVERSION, MAX_VOLUME_CARD_UNUSABLE},
+                                                   {SNDRV_CTL_IOCTL_ELEM_LIST, MAX_VOLUME_CARD_UNUSABLE},
+                                                   {SNDRV_CTL_IOCTL_ELEM_INFO, MAX_VOLUME_CARD_UNUSABLE},
+                                                   {SNDRV_CTL_IOCTL_ELEM_READ, MAX_VOLUME_DONE}};
+    for (const auto &[request, result] : cases) {
         EmulatedCard &card = Plug({Volume("PCM Playback Volume", {30}, 0, 127)});
         card.FailRequest(request, EIO);
-        EXPECT_EQ(CUsbMixer::SetMaxVolume(1), MAX_VOLUME_CARD_UNUSABLE) << std::hex << request;
+        EXPECT_EQ(CUsbMixer::SetMaxVolume(1), result) << std::hex << request;
         EXPECT_EQ(card.Writes(), std::vector<CardWrite>());
     }
 }
@@ -276,8 +285,9 @@ protected:
     static bool Logged(const std::string &text)
     {
         const auto lines = nimbos::fake::LogLines();
-        return std::any_of(lines.begin(), lines.end(),
-                           [&](const nimbos::fake::LogLine &line) { return line.text.find(text) != std::string::npos; });
+        return std::any_of(lines.begin(), lines.end(), [&](const nimbos::fake::LogLine &line) {
+            return line.text.find(text) != std::string::npos;
+        });
     }
 };
 
@@ -298,14 +308,14 @@ TEST_F(MixerDebugCommand, CgetLogsTheValuesOfEveryChannel)
     serial.type = ControlType::Bytes;
     Plug({Volume("PCM Playback Volume", {30, 20}, 0, 127), Switch("PCM Playback Switch", {1, 0}),
           Enumerated("Chat Mix", 1, {"Game", "Balanced", "Chat"}), rate, serial});
-    const std::pair<const char *, const char *> cases[] = {
-        {"1 numid=1", "ret : 1, values : 30,20"},   {"1 name='PCM Playback Switch'", "ret : 1, values : on,off"},
-        {"1 numid=3", "ret : 1, values : Balanced"}, {"1 numid=4", "ret : 1, values : 5000000000"},
-        {"1 numid=5", "ret : 1, values : 0x0a,0xff"}, {"1 numid=9", "ret : 0, values : "},
+    const std::pair<std::string, const char *> cases[] = {
+        {"numid=1", "ret : 1, values : 30,20"},    {"name='PCM Playback Switch'", "ret : 1, values : on,off"},
+        {"numid=3", "ret : 1, values : Balanced"}, {"numid=4", "ret : 1, values : 5000000000"},
+        {"numid=5", "ret : 1, values : 0x0a,0xff"}, {"numid=9", "ret : 0, values : "},
     };
-    for (const auto &[value, result] : cases) {
-        Send("cget", value);
-        EXPECT_TRUE(Logged(std::string("cget card : 1, control : ") + (value + 2) + ", " + result)) << value;
+    for (const auto &[control, result] : cases) {
+        Send("cget", ("1 " + control).c_str());
+        EXPECT_TRUE(Logged("cget card : 1, control : " + control + ", " + result)) << control;
     }
 }
 
