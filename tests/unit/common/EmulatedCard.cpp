@@ -62,14 +62,7 @@ std::string IdName(const snd_ctl_elem_id &id)
 
 int IfaceNumber(ControlIface iface)
 {
-    switch (iface) {
-    case ControlIface::Card:
-        return SNDRV_CTL_ELEM_IFACE_CARD;
-    case ControlIface::Pcm:
-        return SNDRV_CTL_ELEM_IFACE_PCM;
-    default:
-        return SNDRV_CTL_ELEM_IFACE_MIXER;
-    }
+    return iface == ControlIface::Card ? SNDRV_CTL_ELEM_IFACE_CARD : SNDRV_CTL_ELEM_IFACE_MIXER;
 }
 
 int TypeNumber(ControlType type)
@@ -334,10 +327,7 @@ int EmulatedCard::CardInfo(UMockdevIoctlData *arg)
     *info = {};
     info->card = m_number;
     PutText(info->id, "Headset");
-    PutText(info->driver, "USB-Audio");
     PutText(info->name, "USB Headset");
-    PutText(info->longname, "USB Headset at usb-0000:00:14.0-1, full speed");
-    PutText(info->mixername, "USB Mixer");
     info.Put();
     return 0;
 }

@@ -27,7 +27,7 @@ namespace hadrix::test {
 UMockdevTestbed *CardTestbed();
 
 enum class ControlType { Boolean, Integer, Enumerated, Bytes, Integer64 };
-enum class ControlIface { Card, Mixer, Pcm };
+enum class ControlIface { Card, Mixer };
 
 // One control element. values holds one entry per channel (item indexes of an enumerated one).
 struct CardControl {
