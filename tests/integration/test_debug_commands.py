@@ -1,13 +1,13 @@
 """Debug commands: one extra-data key in a launch request to the running service drives one
-operation, seen here through the platform's mocked services, the bus and an emulated card."""
+operation, seen here through the platform's mocked services and the bus. The mixer commands
+("cset", "cget", "setMaxVolume") are proven in-process against emulated cards
+(tests/unit/device/test_usb_mixer.cpp)."""
 import pytest
 
 from conftest import LEVEL_KEY, USB_HEADSET_ROUTE
-from simtv.alsa_card import EmulatedCard, Write, gaming_headset
 from simtv.bus import HADRIX_BUS_NAME, launch
 
 OUTPUT_GAIN_TYPE = 3
-CARD = 2
 
 
 @pytest.fixture
@@ -123,55 +123,3 @@ def test_unknown_keys_and_sub_commands_do_nothing_but_ask_the_audio_server(servi
                                              for key, value in unknown if key in with_words]
     assert {r.prio for r in refusals} == {'W'}
     assert service.daemon.running()
-
-
-@pytest.fixture
-def card(testbed, service):
-    """An emulated gaming headset on card 2, plugged once the service runs: the service sets it
-    to its maximum at once; the test looks at what follows."""
-    mark = service.daemon.log.mark()
-    card = EmulatedCard(CARD, gaming_headset())
-    testbed.attach_ioctl(testbed.add_headset(card=CARD, port='1-2').control, card)
-    service.daemon.wait_for_log('Ondetect info end', since=mark, timeout=10)
-    return card
-
-
-def test_cset_cget_and_set_max_volume_drive_the_card(service, card):
-    volume = "name='Headset Playback Volume'"
-    before = len(card.writes)
-    mark = send(service, 'cset', f'{CARD} {volume} 10,12')
-    service.daemon.wait_for_log(f'cset card : 2, control : {volume}, value : 10,12, ret : 1',
-                                since=mark)
-    assert card.writes[before:] == [Write('Headset Playback Volume', (10, 12))]
-
-    # Values as alsa-lib reads them: percentages, switch words, item names.
-    numid = 1 + [c.name for c in card.controls].index('Sidetone Volume')
-    for control, value, name, written in [(f'numid={numid}', '100%', 'Sidetone Volume', (32,)),
-                                          ("name='Headset Playback Switch'", 'off',
-                                           'Headset Playback Switch', (0,)),
-                                          ("name='Chat Mix'", 'Chat', 'Chat Mix', (2,))]:
-        service.daemon.wait_for_log('ret : 1', since=send(service, 'cset',
-                                                          f'{CARD} {control} {value}'))
-        assert card.writes_to(name) == [Write(name, written)], control
-
-    before = len(card.writes)
-    for control, values in [("name='Mic Capture Volume'", '12'), ("name='Chat Mix'", 'Chat')]:
-        mark = send(service, 'cget', f'{CARD} {control}')
-        service.daemon.wait_for_log(f'cget card : 2, control : {control}, ret : 1, '
-                                    f'values : {values}', since=mark)
-    # An unknown control, an identifier alsa-lib cannot read, text that is no command.
-    for value in (f"{CARD} name='No Such Volume' 3", f'{CARD} iface=MIXER 1'):
-        service.daemon.wait_for_log('ret : 0', since=send(service, 'cset', value))
-    mark = send(service, 'cset', f'{CARD} {volume}')
-    refusal = service.daemon.wait_for_log(lambda r: 'cset refused' in r.message, since=mark)
-    assert 'no value' in refusal.message and refusal.prio == 'E', refusal.message
-    assert card.writes[before:] == []
-
-    mark = send(service, 'setMaxVolume', str(CARD))
-    done = service.daemon.wait_for_log('ret : 0', since=mark)
-    handled = messages(service, mark)
-    assert 'm_ControlsSet, card : [hw:2], cId: [numid=2], value: [100]' in \
-        handled[:handled.index(done.message) + 1]
-    assert card.writes[-1] == Write('Headset Playback Volume', (100, 100))
-    assert card.values('Headset Playback Volume') == [100, 100]
-    assert card.writes_to('Mic Capture Volume') == []

@@ -1,6 +1,6 @@
 // hadrix-probe: runs one operation of the service's code in a process of its own, so that
 // integration tests can reach cases a running daemon hides: the audio server's waits, the
-// mixer's walk over a card, and the adapters' answers to failing platform services.
+// viewer's launch, and the adapters' answers to failing platform services.
 //
 //   hadrix-probe <command> [args...]
 //
@@ -19,7 +19,6 @@
 #include "HadrixUtil.h"
 #include "PulseAudioHandler.h"
 #include "SoundManagerHandler.h"
-#include "UsbMixer.h"
 
 namespace {
 
@@ -99,8 +98,6 @@ struct Command {
 
 const Command kCommands[] = {
     {"launch-app", "KEY VALUE [KEY VALUE...]", 0, -2, LaunchApp},
-    {"set-max-volume", "CARD (prints the result code)", 1, 0,
-     [](const Ints &n, const Args &) { return Print(CUsbMixer::SetMaxVolume(n[0])); }},
     {"pulse-start", "CARD", 1, 0,
      [](const Ints &n, const Args &) { return ExitStatus(The<Pulse>()->SendSignalToPulseAudio(true, n[0])); }},
     {"pulse-stop", "CARD", 1, 0,

@@ -2,10 +2,9 @@
 
 `EmulatedCard` is a UMockdev.IoctlBase that answers the SNDRV_CTL_IOCTL_* requests alsa-lib's
 "hw" control plugin makes, so the real alsa-lib in the program under test walks, reads and
-writes the controls listed here. Every ELEM_WRITE is recorded in order (`writes`), as is every
-request (`requests`), every element lookup by numid or by name (`lookups`) and every client
-that opened the node (`connections`). `fail_requests` makes whole requests fail, to emulate a
-device that stops answering.
+writes the controls listed here. Every ELEM_WRITE is recorded in order (`writes`). The mixer's
+rules are proven in-process against the C++ emulation of tests/unit/common/EmulatedCard.h; this
+one serves the running daemon of the integration tests and the simulated TV.
 
 The ioctl numbers and structure layouts come from the build: the `alsa-abi` target compiles a
 small C program against this machine's <sound/asound.h> that writes them to
@@ -17,7 +16,7 @@ import struct
 import threading
 import traceback
 from dataclasses import dataclass, field
-from typing import List, Optional, Sequence
+from typing import List
 
 import gi
 
@@ -78,28 +77,25 @@ def abi():
     return _abi
 
 
-BOOLEAN, INTEGER, ENUMERATED, INTEGER64 = 'boolean', 'integer', 'enumerated', 'integer64'
-MIXER, CARD, PCM = 'mixer', 'card', 'pcm'
+BOOLEAN, INTEGER = 'boolean', 'integer'
+MIXER = 'mixer'
 
 
 @dataclass
 class Control:
-    """One control element. `values` has one entry per channel (item indexes for an
-    enumerated control). `limit`, when set, is what the hardware keeps of a larger written
-    value; `fail_errno` makes every write fail with that error."""
+    """One control element. `values` has one entry per channel; `fail_errno` makes every
+    write fail with that error."""
     name: str
     type: str = INTEGER
     values: List[int] = field(default_factory=lambda: [0])
     min: int = 0
     max: int = 1
     step: int = 1
-    items: Sequence[str] = ()
     iface: str = MIXER
     index: int = 0
     readable: bool = True
     writable: bool = True
     inactive: bool = False
-    limit: Optional[int] = None
     fail_errno: int = 0
 
     @property
@@ -120,7 +116,7 @@ class EmulatedCard(UMockdev.IoctlBase):
     """The control device of one sound card. Attach with Testbed.attach_ioctl."""
 
     def __init__(self, card, controls, card_id='Headset', name='USB Headset',
-                 driver='USB-Audio', components='USB0b0e:245e', fail_requests=None):
+                 driver='USB-Audio', components='USB0b0e:245e'):
         super().__init__()
         self.abi = abi()
         self.card = card
@@ -129,14 +125,9 @@ class EmulatedCard(UMockdev.IoctlBase):
         self.driver = driver
         self.components = components
         self.controls = list(controls)
-        self.fail_requests = dict(fail_requests or {})  # request name -> errno
         self._writes = []
-        self._lookups = []
-        self._requests = []
-        self._connections = 0
         self._lock = threading.Lock()
         self.connect('handle-ioctl', self._on_ioctl)
-        self.connect('client-connected', self._on_connected)
 
     # What the test reads ----------------------------------------------------------------------
 
@@ -149,40 +140,7 @@ class EmulatedCard(UMockdev.IoctlBase):
     def accepted_writes(self):
         return [write for write in self.writes if not write.error]
 
-    def writes_to(self, name):
-        return [write for write in self.writes if write.name == name]
-
-    @property
-    def requests(self):
-        """Names of every request so far, in order ("ELEM_READ", "UNKNOWN_0x...")."""
-        with self._lock:
-            return list(self._requests)
-
-    @property
-    def lookups(self):
-        """How each ELEM_INFO request named its element, in order: ('numid', n) or
-        ('name', text)."""
-        with self._lock:
-            return list(self._lookups)
-
-    @property
-    def connections(self):
-        """How many times a client opened the node."""
-        with self._lock:
-            return self._connections
-
-    def control(self, name, index=0):
-        return next(c for c in self.controls if c.name == name and c.index == index)
-
-    def values(self, name, index=0):
-        with self._lock:
-            return list(self.control(name, index).values)
-
     # The device -------------------------------------------------------------------------------
-
-    def _on_connected(self, _handler, _client):
-        with self._lock:
-            self._connections += 1
 
     def _on_ioctl(self, _handler, client):
         request = client.get_request()
@@ -200,9 +158,6 @@ class EmulatedCard(UMockdev.IoctlBase):
 
     def _dispatch(self, request, arg):
         name = self.abi.request_names.get(request, f'UNKNOWN_{request:#x}')
-        self._requests.append(name)
-        if name in self.fail_requests:
-            return -self.fail_requests[name]
         handler = {
             'PVERSION': self._pversion,
             'CARD_INFO': self._card_info,
@@ -270,24 +225,17 @@ class EmulatedCard(UMockdev.IoctlBase):
     def _id_field(self, raw_id, member):
         return struct.unpack_from('@I', raw_id, self.abi.offset('snd_ctl_elem_id', member))[0]
 
-    def _lookup_key(self, raw_id):
-        """How an id names its element: ('numid', n) when it carries a numid, else
-        ('name', text)."""
-        numid = self._id_field(raw_id, 'numid')
-        if numid:
-            return 'numid', numid
-        offset = self.abi.offset('snd_ctl_elem_id', 'name')
-        name = raw_id[offset:offset + self.abi.member_size('snd_ctl_elem_id', 'name')]
-        return 'name', name.split(b'\0', 1)[0].decode(errors='replace')
-
     def _find(self, raw_id):
         """(numid, control) for an id the way the kernel looks it up: by numid when given,
         else by interface, device, subdevice, name and index. (0, None) when there is none."""
-        kind, key = self._lookup_key(raw_id)
-        if kind == 'numid':
-            return (key, self.controls[key - 1]) if key <= len(self.controls) else (0, None)
+        numid = self._id_field(raw_id, 'numid')
+        if numid:
+            return (numid, self.controls[numid - 1]) if numid <= len(self.controls) else (0, None)
+        offset = self.abi.offset('snd_ctl_elem_id', 'name')
+        name = raw_id[offset:offset + self.abi.member_size('snd_ctl_elem_id', 'name')]
+        name = name.split(b'\0', 1)[0].decode(errors='replace')
         for position, control in enumerate(self.controls, start=1):
-            if (control.name == key and control.index == self._id_field(raw_id, 'index')
+            if (control.name == name and control.index == self._id_field(raw_id, 'index')
                     and self._iface_number(control.iface) == self._id_field(raw_id, 'iface')
                     and self._id_field(raw_id, 'device') == 0
                     and self._id_field(raw_id, 'subdevice') == 0):
@@ -329,7 +277,6 @@ class EmulatedCard(UMockdev.IoctlBase):
         data = arg.resolve(0, size)
         raw = data.retrieve()
         id_size = self.abi.size('snd_ctl_elem_id')
-        self._lookups.append(self._lookup_key(raw[:id_size]))
         numid, control = self._find(raw[:id_size])
         if control is None:
             return -errno.ENOENT
@@ -341,31 +288,14 @@ class EmulatedCard(UMockdev.IoctlBase):
         struct.pack_into('@I', buf, self.abi.offset(info, 'access'), self._access(control))
         struct.pack_into('@I', buf, self.abi.offset(info, 'count'), control.count)
         struct.pack_into('@i', buf, self.abi.offset(info, 'owner'), -1)
-        if control.type == ENUMERATED:
-            (item,) = struct.unpack_from('@I', raw, self.abi.offset(info, 'enumerated.item'))
-            item = min(item, len(control.items) - 1)
-            struct.pack_into('@I', buf, self.abi.offset(info, 'enumerated.items'),
-                             len(control.items))
-            struct.pack_into('@I', buf, self.abi.offset(info, 'enumerated.item'), item)
-            self._put_text(buf, info, 'enumerated.name', control.items[item])
-        else:
-            kind = 'integer64' if control.type == INTEGER64 else 'integer'
-            native = 'q' if control.type == INTEGER64 else 'l'
-            for member, value in (('min', control.min), ('max', control.max),
-                                  ('step', control.step)):
-                struct.pack_into(f'@{native}', buf, self.abi.offset(info, f'{kind}.{member}'),
-                                 value)
+        for member, value in (('min', control.min), ('max', control.max), ('step', control.step)):
+            struct.pack_into('@l', buf, self.abi.offset(info, f'integer.{member}'), value)
         data.update(0, bytes(buf))
         return 0
 
-    def _value_layout(self, control):
-        """(offset, struct format of one channel) of the control's values in snd_ctl_elem_value."""
-        value = 'snd_ctl_elem_value'
-        if control.type == ENUMERATED:
-            return self.abi.offset(value, 'enumerated.item'), 'I'
-        if control.type == INTEGER64:
-            return self.abi.offset(value, 'integer64.value'), 'q'
-        return self.abi.offset(value, 'integer.value'), 'l'
+    def _values_offset(self):
+        """Where the channels' values (longs, of a boolean control too) are in snd_ctl_elem_value."""
+        return self.abi.offset('snd_ctl_elem_value', 'integer.value')
 
     def _elem_read(self, arg):
         size = self.abi.size('snd_ctl_elem_value')
@@ -378,16 +308,13 @@ class EmulatedCard(UMockdev.IoctlBase):
             return -errno.EPERM
         buf = bytearray(size)
         buf[:id_size] = self._pack_id(numid, control)
-        offset, native = self._value_layout(control)
-        struct.pack_into(f'@{control.count}{native}', buf, offset, *control.values)
+        struct.pack_into(f'@{control.count}l', buf, self._values_offset(), *control.values)
         data.update(0, bytes(buf))
         return 0
 
     def _valid(self, control, values):
         if control.type == BOOLEAN:
             return all(v in (0, 1) for v in values)
-        if control.type == ENUMERATED:
-            return all(0 <= v < len(control.items) for v in values)
         return all(control.min <= v <= control.max for v in values)
 
     def _elem_write(self, arg):
@@ -398,8 +325,7 @@ class EmulatedCard(UMockdev.IoctlBase):
         numid, control = self._find(raw[:id_size])
         if control is None:
             return -errno.ENOENT
-        offset, native = self._value_layout(control)
-        values = struct.unpack_from(f'@{control.count}{native}', raw, offset)
+        values = struct.unpack_from(f'@{control.count}l', raw, self._values_offset())
         if not control.writable:
             error = errno.EPERM
         elif not self._valid(control, values):
@@ -409,8 +335,6 @@ class EmulatedCard(UMockdev.IoctlBase):
         self._writes.append(Write(control.name, tuple(values), error))
         if error:
             return -error
-        if control.limit is not None:
-            values = [min(v, control.limit) for v in values]
         control.values = list(values)
         return 0
 
@@ -427,22 +351,3 @@ def stereo_headset():
         Control('Sidetone Volume', INTEGER, [8], 0, 15),
     ]
 
-
-def gaming_headset():
-    """A headset with its own named volume, uneven channels and a chat-mix selector."""
-    return [
-        Control('Headset Playback Switch', BOOLEAN, [1]),
-        Control('Headset Playback Volume', INTEGER, [40, 55], 0, 100),
-        Control('Mic Capture Volume', INTEGER, [12], 0, 16),
-        Control('Sidetone Volume', INTEGER, [0], 0, 32),
-        Control('Chat Mix', ENUMERATED, [1], items=('Game', 'Balanced', 'Chat')),
-    ]
-
-
-def headset_at_max():
-    """Every playback volume already at its maximum."""
-    return [
-        Control('PCM Playback Volume', INTEGER, [127, 127], 0, 127),
-        Control('Headset Playback Volume', INTEGER, [100], 0, 100),
-        Control('Mic Capture Volume', INTEGER, [3], 0, 31),
-    ]
