@@ -225,11 +225,6 @@ def hadrixctl(launcher):
 
 
 @pytest.fixture
-def probe(launcher):
-    return Tool(launcher, 'hadrix-probe')
-
-
-@pytest.fixture
 def kernel_log(child_env, tmp_path):
     """The kernel log the programs read through the klogctl shim, empty at first."""
     log = KernelLog(tmp_path / 'kernel.log')

@@ -66,18 +66,6 @@ def test_launch_requests_reach_app_control_and_wrong_arguments_are_refused(daemo
     assert hadrix.running()
 
 
-def test_ready_and_period_once_then_watchdog_every_five_seconds(daemon, notify_socket):
-    daemon.start()
-
-    watchdog = notify_socket.wait_for('WATCHDOG=1', count=2, timeout=13)
-    ready = notify_socket.assignments('READY=1')
-
-    assert len(ready) == 1
-    assert len(notify_socket.assignments('WATCHDOG_USEC=60000000')) == 1
-    assert ready[0] < watchdog[0]
-    assert 4.0 <= watchdog[1] - watchdog[0] <= 6.5
-
-
 @pytest.mark.parametrize('signum', [signal.SIGTERM, signal.SIGINT], ids=['SIGTERM', 'SIGINT'])
 def test_terminate_request_runs_terminate_and_exits_0(daemon, system_bus, signum):
     hadrix = daemon.start()

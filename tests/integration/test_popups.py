@@ -7,19 +7,15 @@ import pytest
 from conftest import AT_BOOT, LATER
 from simtv.alsa_card import BOOLEAN, INTEGER, Control
 from simtv.devices import plug
-from simtv.popups import GUIDE_LAYOUT, HIDE_TIMEOUT_MS, POPUP_AREA
+from simtv.popups import HIDE_TIMEOUT_MS, POPUP_AREA
 
-GUIDE_IMAGE = '/usr/apps/hadrix/shared/res/img_usb_port_guide.svg'
 TV = ('UA55TV', 'REP.DEVICE.TV', None)
-EASEL_32_TV = ('UE32KF03BXA', 'REP.DEVICE.TV', None)
 SMART_MONITOR = ('LS32MONITOR', 'REP.DEVICE.SMART.MONITOR', None)
 KESTRAL_ARK = ('LS55ARK', 'REP.DEVICE.KESTRAL.ARK', None)
 SCREEN_WITH_TUNER = ('LH43SCREEN', 'REP.DEVICE.SCREEN', 'true')
 SCREEN_WITHOUT_TUNER = ('LH43SCREEN', 'REP.DEVICE.SCREEN', 'false')
 NOT_SUPPORTED = 'This USB device is not supported.'
 CONNECTED = 'USB audio device connected.'
-OTHER_PORT = 'Connect the device to another USB port.'
-NOISE = 'Noise may occur when two USB audio devices are connected to neighbouring USB ports.'
 MAY_NOT_WORK = 'The connected device may not work normally on this {}.'
 
 
@@ -45,24 +41,6 @@ def assert_plain_popup(popup, title, body):
     assert (popup.app_name, popup.expire_timeout) == ('hadrix', HIDE_TIMEOUT_MS)
     assert popup.hints['x-nimbos-display-applist'] == POPUP_AREA
     assert popup.hints['resident'] is True
-
-
-@pytest.mark.parametrize('product', [TV, EASEL_32_TV, SMART_MONITOR, SCREEN_WITH_TUNER],
-                         ids=['tv', 'easel-32-tv', 'smart-monitor', 'screen'])
-def test_noise_popup_shows_the_port_guide_only_on_a_tv_that_is_no_easel_32(popup_tv, product):
-    popups = start(popup_tv, [7, 8], product)
-    popup_tv.plug('twin-a')
-    assert popups.posted() == [], 'the first device alone on its hub gets no popup'
-    popup_tv.plug('twin-b')
-    [popup] = popups.wait_for(1)
-    if product == TV:
-        assert_plain_popup(popup, 'USB Audio Device', f'{OTHER_PORT} {NOISE}')
-        assert popup.hints['x-nimbos-layout'] == GUIDE_LAYOUT
-        assert popup.hints['image-path'] == str(popup_tv.root / GUIDE_IMAGE)
-        assert '<svg' in popup_tv.root.read(GUIDE_IMAGE), 'the guide image is where the hint points'
-    else:
-        assert_plain_popup(popup, 'USB Audio Device', NOISE)
-        assert 'x-nimbos-layout' not in popup.hints and 'image-path' not in popup.hints
 
 
 @pytest.mark.parametrize('product, kind', [
@@ -110,18 +88,6 @@ def test_a_third_headset_is_announced_and_named_again_when_it_takes_over(popup_t
     tv.unplug('headset', at=LATER + 30)
     taken_over = popups.wait_for(3)[2]
     assert (taken_over.title, taken_over.body) == ('Arctis 1 Wireless', CONNECTED)
-
-
-def test_device_without_a_name_is_titled_connect(popup_tv):
-    popups = start(popup_tv, [5])
-    mark = popup_tv.daemon.log.mark()
-    # An Astro headset by its ids, reporting no product name.
-    popup_tv.log.detect('1-5', LATER, '9886', '0047', '')
-    popup_tv.bed.add_headset(card=5, vid='9886', pid='0047', product='',
-                             manufacturer='Astro Gaming', port='1-5', devnum=7)
-    popup_tv.daemon.wait_for_log('Ondetect info end', since=mark, timeout=10)
-    [popup] = popups.wait_for(1)
-    assert (popup.title, popup.body) == ('Connected', NOT_SUPPORTED)
 
 
 def test_unsupported_device_at_boot_is_warned_about_once(popup_tv):

@@ -14,7 +14,6 @@ PROGRAMS = {
     'hadrix': 'src/hadrix',
     'hadrix-settings': 'tools/hadrix-settings',
     'hadrixctl': 'tools/hadrixctl',
-    'hadrix-probe': 'tests/integration/hadrix-probe',
     'hadrix-klog-shim': 'tools/tvsim/shims/libhadrix-klog-shim.so',
 }
 
