@@ -30,6 +30,20 @@ TEST(Detach, TheWaitingHeadsetTakesThePlaceTheUnpluggedOneFreed)
     EXPECT_EQ(Popups(3).back(), "noise H390 USB Headset");
 }
 
+TEST(Detach, WithTheRouteElsewhereAnUnplugHandsNothingOver)
+{
+    ServiceHarness tv;
+    tv.Start();
+    for (const TestDevice &device : {kHeadset, kHeadset2, kHeadset3})
+        tv.Plug(device);
+    fake::AnnounceRoute(kTvSpeakerRoute);
+    tv.Settle();
+    const Cards started = tv.StartedCards();
+    tv.Unplug(kHeadset);
+    EXPECT_EQ(tv.StartedCards(), started);
+    EXPECT_TRUE(CardsInUse(tv).empty());
+}
+
 TEST(Detach, AnIdleDeviceGoesWithoutAStop)
 {
     ServiceHarness tv;

@@ -52,6 +52,21 @@ TEST(Enumeration, TenPassesFindingNothingEndIt)
     EXPECT_EQ(Passes(), 10u);
 }
 
+TEST(Enumeration, APassThatCannotReadTheUsbLibraryFoundNothingAndTheNextTriesAgain)
+{
+    for (const char *failing : {"usb_device_get_device_list", "usb_device_list_get_first"}) {
+        SCOPED_TRACE(failing);
+        ServiceHarness tv;
+        tv.PresentAtBoot(kHeadset);
+        fake::FailNext(failing, -5);
+        tv.BeginStart();
+        EXPECT_TRUE(tv.DeviceManager()->IsEnumerating());
+        tv.clock.Advance(kPassMs);
+        EXPECT_FALSE(tv.DeviceManager()->IsEnumerating());
+        EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 1);
+    }
+}
+
 // A pass finds the device in the USB library, not from a hot-plug: it is read there once too.
 TEST(Enumeration, APassReadsEachPropertyOfAPresentDeviceOnce)
 {

@@ -5,9 +5,12 @@
 
 #include <string>
 
+#include <umockdev.h>
+
 #include "DeviceScenes.h"
 #include "ServiceHarness.h"
 #include "USBDevice.h"
+#include "UniqueHandle.h"
 #include "nimbos/fake.h"
 
 namespace fake = nimbos::fake;
@@ -23,6 +26,26 @@ size_t Registrations()
 {
     return CallCount("gamepad_register_connection_callback");
 }
+
+// The system's input devices, as libudev shows them to the service (core_tests runs under
+// umockdev's preload).
+class InputDevices {
+public:
+    InputDevices() : m_testbed(umockdev_testbed_new()) {}
+
+    // An input device with these udev properties ("E: ID_INPUT_JOYSTICK=1\n"...).
+    void Add(const std::string &properties)
+    {
+        const std::string description = "P: /devices/platform/soc/usb1/1-7/1-7:1.3/input/input" +
+                                        std::to_string(++m_count) + "\nE: SUBSYSTEM=input\n" + properties;
+        g_autoptr(GError) error = nullptr;
+        ASSERT_TRUE(umockdev_testbed_add_from_string(m_testbed.get(), description.c_str(), &error)) << error->message;
+    }
+
+private:
+    UniqueHandle<UMockdevTestbed, g_object_unref> m_testbed;
+    int m_count = 0;
+};
 
 void ExpectLeftAlone(ServiceHarness &tv, const TestDevice &pad)
 {
@@ -84,6 +107,38 @@ TEST(Gamepads, AGamepadConnectedAfterTheRegistrationIsListed)
     tv.Settle();
     tv.Plug(kPadCard);
     ExpectLeftAlone(tv, kPadCard);
+}
+
+// Before the gamepad library is asked, and for gamepads it does not report, the system's joysticks
+// tell: one with the card's USB ids makes the card a gamepad's.
+TEST(Gamepads, ACardWithTheIdsOfAJoystickInputDeviceIsLeftAlone)
+{
+    const std::string ids = "E: ID_VENDOR_ID=2dc8\nE: ID_MODEL_ID=3106\n";
+    struct Case {
+        const char *what;
+        std::string properties;
+        bool gamepad;
+    } cases[] = {
+        {"joystick", "E: ID_INPUT_JOYSTICK=1\n" + ids, true},
+        {"no joystick", "E: ID_INPUT_KEY=1\n" + ids, false},
+        {"other ids", "E: ID_INPUT_JOYSTICK=1\nE: ID_VENDOR_ID=2dc8\nE: ID_MODEL_ID=3107\n", false},
+        {"no model", "E: ID_INPUT_JOYSTICK=1\nE: ID_VENDOR_ID=2dc8\n", false},
+        {"no vendor", "E: ID_INPUT_JOYSTICK=1\nE: ID_MODEL_ID=3106\n", false},
+        {"ids no numbers", "E: ID_INPUT_JOYSTICK=1\nE: ID_VENDOR_ID=2dc8\nE: ID_MODEL_ID=31x6\n", false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        InputDevices inputs;
+        inputs.Add(c.properties);
+        ServiceHarness tv;
+        tv.Start();
+        tv.Plug(kPadCard);
+        if (c.gamepad) {
+            ExpectLeftAlone(tv, kPadCard);
+        } else {
+            EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 1);
+        }
+    }
 }
 
 TEST(Gamepads, AGamepadsCardFoundAtStartUpIsSkipped)
