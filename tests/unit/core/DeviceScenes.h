@@ -88,6 +88,15 @@ inline Cards CardsInUse(ServiceHarness &tv)
     return cards;
 }
 
+// The viewer plugs the devices in, a second apart.
+inline void PlugOneAfterAnother(ServiceHarness &tv, const std::vector<TestDevice> &devices)
+{
+    for (const TestDevice &device : devices) {
+        tv.clock.Advance(1000);
+        tv.Plug(device);
+    }
+}
+
 // The depot as the last run left it, holding these devices.
 inline void RememberDevices(ServiceHarness &tv, const std::vector<TestDevice> &devices)
 {

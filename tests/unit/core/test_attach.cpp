@@ -125,12 +125,11 @@ TEST(Attach, TwoHeadsetsCarryTheSoundAndAThirdWaitsWithAConnectedPopup)
 {
     ServiceHarness tv;
     tv.Start();
-    tv.Plug(kHeadset);
-    tv.Plug(kHeadset2); // started, idle until the output is next handed out
+    PlugOneAfterAnother(tv, {kHeadset, kHeadset2}); // the second started, idle until the output is next handed out
     EXPECT_EQ(tv.StartedCards(), (Cards{1, 1, 2}));
     EXPECT_EQ(CardsInUse(tv), Cards{1});
 
-    tv.Plug(kHeadset3); // no place: the free one already attached takes the output instead
+    PlugOneAfterAnother(tv, {kHeadset3}); // no place: the free one already attached takes the output instead
     EXPECT_EQ(tv.StartedCards(), (Cards{1, 1, 2, 2}));
     EXPECT_EQ(CardsInUse(tv), (Cards{1, 2}));
     EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 3);

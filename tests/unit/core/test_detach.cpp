@@ -18,8 +18,7 @@ TEST(Detach, TheWaitingHeadsetTakesThePlaceTheUnpluggedOneFreed)
 {
     ServiceHarness tv;
     tv.Start();
-    for (const TestDevice &device : {kHeadset, kHeadset2, kHeadset3})
-        tv.Plug(device);
+    PlugOneAfterAnother(tv, {kHeadset, kHeadset2, kHeadset3});
     ASSERT_EQ(CardsInUse(tv), (Cards{1, 2}));
 
     tv.Unplug(kHeadset);
@@ -34,8 +33,7 @@ TEST(Detach, WithTheRouteElsewhereAnUnplugHandsNothingOver)
 {
     ServiceHarness tv;
     tv.Start();
-    for (const TestDevice &device : {kHeadset, kHeadset2, kHeadset3})
-        tv.Plug(device);
+    PlugOneAfterAnother(tv, {kHeadset, kHeadset2, kHeadset3});
     fake::AnnounceRoute(kTvSpeakerRoute);
     tv.Settle();
     const Cards started = tv.StartedCards();
@@ -48,8 +46,7 @@ TEST(Detach, AnIdleDeviceGoesWithoutAStop)
 {
     ServiceHarness tv;
     tv.Start();
-    tv.Plug(kHeadset);
-    tv.Plug(kHeadset2);
+    PlugOneAfterAnother(tv, {kHeadset, kHeadset2});
     tv.Unplug(kHeadset2);
     EXPECT_TRUE(tv.StoppedCards().empty());
     EXPECT_EQ(CardsInUse(tv), Cards{1});

@@ -34,8 +34,7 @@ void CountAppCall()
 
 void PlugThreeHeadsets(ServiceHarness &tv)
 {
-    for (const TestDevice &device : {kHeadset, kHeadset2, kHeadset3})
-        tv.Plug(device);
+    PlugOneAfterAnother(tv, {kHeadset, kHeadset2, kHeadset3});
 }
 
 void ChooseRoute(ServiceHarness &tv, int route)
@@ -165,7 +164,7 @@ TEST(Output, TheVolumeKeysAreGrabbedFromTheFirstHeadsetInUseToTheLast)
     EXPECT_TRUE(fake::GrabbedKeys(0).empty());
     tv.Plug(kHeadset);
     EXPECT_EQ(fake::GrabbedKeys(0), kVolumeKeys);
-    tv.Plug(kHeadset2);
+    PlugOneAfterAnother(tv, {kHeadset2});
     ChooseRoute(tv, kTvSpeakerRoute);
     EXPECT_TRUE(fake::GrabbedKeys(0).empty());
     ChooseRoute(tv, kUsbHeadsetRoute);
