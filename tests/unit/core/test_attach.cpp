@@ -41,6 +41,22 @@ TEST(Attach, APlugBetweenTwoPassesOfTheStartUpEnumerationIsAttachedAndStartedOnc
     EXPECT_EQ(tv.StartedCards(), std::vector<int>{1});
 }
 
+// A plug the kernel log dates back to the boot is no viewer's plug, unless the service was in
+// USB audio mode: then any plug takes the sound.
+TEST(Attach, APlugTheKernelSawAtBootTakesTheSoundOnlyInUsbAudioMode)
+{
+    for (bool usbAudioMode : {true, false}) {
+        SCOPED_TRACE(usbAudioMode ? "USB audio mode" : "not USB audio mode");
+        ServiceHarness tv;
+        tv.SetUsbAudioMode(usbAudioMode);
+        tv.Start();
+        tv.PlugDetectedAt(kHeadset, 3.5);
+        EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 1);
+        EXPECT_EQ(fake::Route(), usbAudioMode ? kUsbHeadsetRoute : kDefaultRoute);
+        EXPECT_EQ(tv.StartedCards().empty(), !usbAudioMode);
+    }
+}
+
 TEST(Attach, ADeviceAnnouncedAgainIsNotAttachedAgain)
 {
     ServiceHarness tv;
