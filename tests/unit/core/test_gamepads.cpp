@@ -126,15 +126,19 @@ TEST(Gamepads, ACardWithTheIdsOfAJoystickInputDeviceIsLeftAlone)
         {"no vendor", "E: ID_INPUT_JOYSTICK=1\nE: ID_MODEL_ID=3106\n", false},
         {"ids no numbers", "E: ID_INPUT_JOYSTICK=1\nE: ID_VENDOR_ID=2dc8\nE: ID_MODEL_ID=31x6\n", false},
     };
+    // A card number ALSA cannot have keeps the mixer from opening a device node while the testbed
+    // exists: umockdev's preload keeps an entry for each such open that fails, and aborts at 50.
+    TestDevice card = kPadCard;
+    card.card = 40;
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         InputDevices inputs;
         inputs.Add(c.properties);
         ServiceHarness tv;
         tv.Start();
-        tv.Plug(kPadCard);
+        tv.Plug(card);
         if (c.gamepad) {
-            ExpectLeftAlone(tv, kPadCard);
+            ExpectLeftAlone(tv, card);
         } else {
             EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 1);
         }
