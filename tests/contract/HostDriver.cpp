@@ -7,6 +7,7 @@
 #include "ContractTest.h"
 #include "HostPeers.h"
 #include "HostTestbed.h"
+#include "UnderUmockdev.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -355,19 +356,11 @@ PlatformDriver &Driver()
 
 } // namespace contract
 
-// The suites run under umockdev's preload, which shows libudev the testbed: started without it,
-// the binary starts itself again under umockdev-wrapper.
+// The suites run under umockdev's preload, which shows libudev the testbed.
 int main(int argc, char **argv)
 {
-    const char *preload = getenv("LD_PRELOAD");
-    if (!preload || !strstr(preload, "libumockdev-preload")) {
-        std::vector<char *> wrapped{const_cast<char *>("umockdev-wrapper")};
-        wrapped.insert(wrapped.end(), argv, argv + argc);
-        wrapped.push_back(nullptr);
-        execvp(wrapped[0], wrapped.data());
-        perror("umockdev-wrapper");
+    if (!hadrix::test::RunUnderUmockdev(argc, argv))
         return 1;
-    }
     testing::InitGoogleTest(&argc, argv);
     contract::HostDriver driver;
     contract::theDriver = &driver;

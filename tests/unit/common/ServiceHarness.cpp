@@ -232,10 +232,7 @@ void ServiceHarness::m_WaitForKernelLogParse()
 
 void ServiceHarness::Plug(const TestDevice &device)
 {
-    kernelLog.Detect(device, static_cast<double>(clock.NowMs()) / 1000.0);
-    m_MakeCardNodes(device.card);
-    fake::Plug(device.Usb());
-    Settle();
+    PlugDetectedAt(device, static_cast<double>(clock.NowMs()) / 1000.0);
 }
 
 void ServiceHarness::Unplug(const TestDevice &device)
@@ -340,6 +337,22 @@ std::vector<std::string> ServiceHarness::LoggedMessages()
         messages.push_back(message);
     }
     return messages;
+}
+
+void ServiceHarness::PlugDetectedAt(const TestDevice &device, double detectedAtSeconds)
+{
+    kernelLog.Detect(device, detectedAtSeconds);
+    m_MakeCardNodes(device.card);
+    fake::Plug(device.Usb());
+    Settle();
+}
+
+void ServiceHarness::Resume(int from)
+{
+    constexpr uint64_t kResumeDelayMs = 3000;
+    ChangePower(from, 0);
+    clock.Advance(kResumeDelayMs);
+    FinishEnumeration();
 }
 
 void ServiceHarness::m_MakeCardNodes(int card)

@@ -117,6 +117,14 @@ public:
     CUSBDevice *DeviceManager() const;
     CUSBHeadsetMgr *HeadsetManager() const;
 
+    // ---- Device scenes ----
+    // The viewer plugs the device in; the kernel log detected it detectedAtSeconds after boot
+    // (a re-enumeration, say, or a plug the log saw before the service heard of it).
+    void PlugDetectedAt(const TestDevice &device, double detectedAtSeconds);
+    // The TV comes back from the low-power state `from` (2 or 4): three seconds later the device
+    // manager is rebuilt, and its resume enumeration is run to its end.
+    void Resume(int from);
+
     FakeClock clock;
     TempRoot root;
     TestKernelLog kernelLog;

@@ -1,26 +1,13 @@
-// main() of a test binary that emulates devices: umockdev's preload shows the code under test
-// the testbed's /dev and /sys. Started without it, the binary starts itself again under
-// umockdev-wrapper.
+// main() of a unit-test binary that emulates devices (sound cards, joysticks): it runs under
+// umockdev's preload. Without a testbed the preload passes every call through.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <vector>
+#include "UnderUmockdev.h"
 
 int main(int argc, char **argv)
 {
-    const char *preload = getenv("LD_PRELOAD");
-    if (!preload || !strstr(preload, "libumockdev-preload")) {
-        std::vector<char *> wrapped{const_cast<char *>("umockdev-wrapper")};
-        wrapped.insert(wrapped.end(), argv, argv + argc);
-        wrapped.push_back(nullptr);
-        execvp(wrapped[0], wrapped.data());
-        perror("umockdev-wrapper");
+    if (!hadrix::test::RunUnderUmockdev(argc, argv))
         return 1;
-    }
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }
