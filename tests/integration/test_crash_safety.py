@@ -161,6 +161,7 @@ class Subscribing(threading.Thread):
         self.connection = system_bus.connect()
         self.known = sorted(known)
         self.confirmed = []
+        self.first_confirmed = threading.Event()
 
     def run(self):
         full = False
@@ -176,6 +177,7 @@ class Subscribing(threading.Thread):
                 full = True
                 continue
             self.confirmed.append(name)
+            self.first_confirmed.set()
 
 
 @pytest.mark.timeout(120)
@@ -192,10 +194,11 @@ def test_a_service_killed_while_saving_subscribers_keeps_every_confirmed_one(
         system_bus.wait_for_name(SERVER_NAME)
         client = Subscribing(system_bus, expected)
         client.start()
-        time.sleep(rng.uniform(0.05, 0.5))
+        # Killed at a random moment once the saves are under way, however loaded the machine is.
+        assert client.first_confirmed.wait(10), f'round {round_}: no subscription went through'
+        time.sleep(rng.uniform(0.0, 0.45))
         kill(hadrix)
         client.join(10)
-        assert client.confirmed, f'round {round_}: no subscription went through before the kill'
 
         lines = hadrix_root.read(SUBSCRIBER_FILE).splitlines(keepends=True)
         saved = {line.split(' ', 1)[0] for line in lines}
