@@ -63,6 +63,9 @@ def test_cli_watch_prints_every_change(launcher, settings_cli):
                watch.out.find(f'{key}=int:1'), timeout=5, interval=0.1,
                what='the watch to report a write')
 
+    # The writes of the loop may still be on their way: a fence after them, reported in order.
+    assert settings_cli('set', key, 'int', '2').returncode == 0
+    watch.wait_for_output(f'{key}=int:2')
     mark = watch.out.mark()
     assert settings_cli('set', key, 'string', 'second').returncode == 0
     watch.wait_for_output(f'{key}=string:second', since=mark)
