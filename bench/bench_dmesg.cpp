@@ -92,14 +92,13 @@ bool AnalyseOnce(const SyntheticKernelLog &log)
     CDMesgAnalysis::ReleaseInstance();
     CDMesgAnalysis *analysis = CDMesgAnalysis::GetInstance();
     const std::string &text = log.text;
-    analysis->SetSystemHooks({[&text](int action, char *buf, int len) {
-                                  if (action == 10)
-                                      return static_cast<int>(text.size());
-                                  size_t n = std::min(text.size(), static_cast<size_t>(len));
-                                  memcpy(buf, text.data() + text.size() - n, n);
-                                  return static_cast<int>(n);
-                              },
-                              [] { return 100000u; }, [](unsigned long) {}});
+    analysis->SetKernelLogReader([&text](int action, char *buf, int len) {
+        if (action == 10)
+            return static_cast<int>(text.size());
+        size_t n = std::min(text.size(), static_cast<size_t>(len));
+        memcpy(buf, text.data() + text.size() - n, n);
+        return static_cast<int>(n);
+    });
     analysis->TriggerParse(true);
     return analysis->IsParsingReady() && analysis->GetUsbCoreInitalTime() == log.coreInitMs &&
            analysis->GetDetectedDevicesCount() == log.ports.size();

@@ -5,12 +5,27 @@
 #include <cstring>
 #include <string>
 
+#include "Clock.h"
 #include "DMesgAnalysis.h"
 #include "FuzzEnvironment.h"
 
 namespace {
 
 constexpr uint32_t kUptimeMs = 3600 * 1000;
+
+// An hour after boot for as long as the target runs: a failed parse's pauses take no time.
+class StoppedClock : public CClock {
+public:
+    StoppedClock() { CClock::Set(this); }
+    uint64_t NowMs() override { return kUptimeMs; }
+    guint AddTimeout(unsigned int ms, GSourceFunc fn, gpointer data, GDestroyNotify destroy) override
+    {
+        return g_timeout_add_full(G_PRIORITY_DEFAULT, ms, fn, data, destroy);
+    }
+    void RemoveTimeout(guint id) override { g_source_remove(id); }
+    void Sleep(unsigned long) override {}
+};
+StoppedClock g_clock;
 constexpr size_t kMaxPositions = 1024;
 
 // The analysis with the input as its kernel log, served as klogctl serves it: the size query
@@ -19,8 +34,7 @@ class Analysis : public CDMesgAnalysis {
 public:
     explicit Analysis(std::string log) : m_Log(std::move(log))
     {
-        SetSystemHooks({[this](int action, char *buf, int len) { return Serve(action, buf, len); },
-                        [] { return kUptimeMs; }, [](unsigned long) {}});
+        SetKernelLogReader([this](int action, char *buf, int len) { return Serve(action, buf, len); });
     }
 
     void RunLineParsers()

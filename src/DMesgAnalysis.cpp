@@ -200,21 +200,14 @@ void SaveLogCopy(const std::string &suffix, const char *text, size_t len)
 } // namespace
 
 CDMesgAnalysis::CDMesgAnalysis()
-    : m_Hooks{[](int action, char *buf, int len) { return ::klogctl(action, buf, len); },
-              [] { return CUsbServiceUtil::GetUptime(); },
-              [](unsigned long ms) { CUsbServiceUtil::Wait(ms); }}
+    : m_ReadKernelLog([](int action, char *buf, int len) { return ::klogctl(action, buf, len); })
 {
 }
 
-void CDMesgAnalysis::SetSystemHooks(SystemHooks hooks)
+void CDMesgAnalysis::SetKernelLogReader(KernelLogReader reader)
 {
     std::lock_guard<std::mutex> lock(m_Mutex);
-    if (hooks.readKernelLog)
-        m_Hooks.readKernelLog = std::move(hooks.readKernelLog);
-    if (hooks.uptime)
-        m_Hooks.uptime = std::move(hooks.uptime);
-    if (hooks.wait)
-        m_Hooks.wait = std::move(hooks.wait);
+    m_ReadKernelLog = std::move(reader);
 }
 
 bool CDMesgAnalysis::m_IsTimingForParse(uint32_t now) const
@@ -226,7 +219,7 @@ bool CDMesgAnalysis::m_IsTimingForParse(uint32_t now) const
 void CDMesgAnalysis::TriggerParse(bool force)
 {
     bool ready = IsParsingReady();
-    bool timing = m_IsTimingForParse(m_Hooks.uptime());
+    bool timing = m_IsTimingForParse(CUsbServiceUtil::GetUptime());
     LOGI("[START] ---ready:%d  timing:%d  force:%d ", ready, timing, force);
     if (!timing && !force && ready)
         return;
@@ -255,7 +248,7 @@ void CDMesgAnalysis::m_RunOnParseThread(void (CDMesgAnalysis::*entry)())
 
 void CDMesgAnalysis::SetPowerChangdTime()
 {
-    uint32_t now = m_Hooks.uptime();
+    uint32_t now = CUsbServiceUtil::GetUptime();
     m_PowerChangedTime.store(now);
     LOGI("[END] adjust uptime %lu", AsUL(now));
 }
@@ -365,7 +358,7 @@ bool CDMesgAnalysis::NeedChangeSpeaker(const std::string &devPath, SpeakerJudgem
 // take part in the comparisons exactly as the kernel-log and uptime counters do.
 bool CDMesgAnalysis::m_NeedChangeSpeaker(uint32_t detected, SpeakerJudgement &why)
 {
-    uint32_t now = m_Hooks.uptime();
+    uint32_t now = CUsbServiceUtil::GetUptime();
     uint32_t core = GetUsbCoreInitalTime();
     LOGD("[START] uptime %lu core init time %lu, driver detect time %lu, delta %lu", AsUL(now), AsUL(core),
          AsUL(detected), AsUL(detected - core));
@@ -424,7 +417,7 @@ int CDMesgAnalysis::m_ReadInto(char *buf, size_t size)
 {
     int len = size > static_cast<size_t>(INT32_MAX) ? INT32_MAX : static_cast<int>(size);
     errno = 0;
-    int rc = m_Hooks.readKernelLog(SYSLOG_ACTION_READ_ALL, buf, len);
+    int rc = m_ReadKernelLog(SYSLOG_ACTION_READ_ALL, buf, len);
     if (rc < 0 && errno == EPERM)
         m_ReportReadRefused();
     if (rc > len) {
@@ -466,7 +459,7 @@ CDMesgAnalysis::LogText CDMesgAnalysis::m_MakeText(std::unique_ptr<char[]> data,
 
 CDMesgAnalysis::LogText CDMesgAnalysis::m_ReadLog()
 {
-    int kernelSize = m_Hooks.readKernelLog(SYSLOG_ACTION_SIZE_BUFFER, nullptr, 0);
+    int kernelSize = m_ReadKernelLog(SYSLOG_ACTION_SIZE_BUFFER, nullptr, 0);
     LOGD("[START] get syslog buffer size %d", kernelSize);
     bool sizeKnown = kernelSize >= 1;
     size_t size = sizeKnown ? static_cast<size_t>(kernelSize) + 8 : FIRST_FULL_READ_SIZE;
@@ -709,7 +702,7 @@ void CDMesgAnalysis::m_KlogParseThreadEntry()
         SaveLogCopy(".err." + std::to_string(attempt), text.data.get(), text.length);
         text.data.reset();
         if (attempt < MAX_PARSE_ATTEMPTS)
-            m_Hooks.wait(RETRY_WAIT_MS);
+            CUsbServiceUtil::Wait(RETRY_WAIT_MS);
     }
     LOGE("[END] no usable kernel log after %d attempts", MAX_PARSE_ATTEMPTS);
 }

@@ -22,14 +22,9 @@ public:
     // Milliseconds since boot; all bits set means unknown.
     static constexpr uint32_t TIME_UNKNOWN = UINT32_MAX;
 
-    // The system the analysis reads: klogctl(action, buf, len), the monotonic uptime in ms and a
-    // sleep in ms. Tests hand in their own before they use the analyser; a member left empty
-    // keeps the real one.
-    struct SystemHooks {
-        std::function<int(int action, char *buf, int len)> readKernelLog;
-        std::function<uint32_t()> uptime;
-        std::function<void(unsigned long ms)> wait;
-    };
+    // How the analysis reads the kernel log: klogctl(action, buf, len). Tests hand in their own
+    // before they use the analyser. (Uptime and the pauses between attempts come from CClock.)
+    using KernelLogReader = std::function<int(int action, char *buf, int len)>;
 
     // What NeedChangeSpeaker compared and which of its judgements decided.
     struct SpeakerJudgement {
@@ -49,7 +44,7 @@ public:
 
     ~CDMesgAnalysis() override = default;
 
-    void SetSystemHooks(SystemHooks hooks);
+    void SetKernelLogReader(KernelLogReader reader);
 
     void TriggerParse(bool force);
     void TriggerPartialParse(bool force);
@@ -138,5 +133,5 @@ private:
     // Reads run with m_Mutex held.
     bool m_ReadRefusalReported = false;
 
-    SystemHooks m_Hooks;
+    KernelLogReader m_ReadKernelLog;
 };

@@ -63,6 +63,9 @@ public:
     // A worker's pause takes no time: the clock moves on by ms at once.
     void Sleep(unsigned long ms) override { m_NowMs += ms; }
 
+    // Puts the clock at ms, firing nothing: for tests of uptime-based rules with no timer pending.
+    void SetNowMs(uint64_t ms) { m_NowMs = ms; }
+
     // Moves time on by ms, firing on the way every timeout that falls due, in the order they fall
     // due; after each, the work that became ready on the default main context runs.
     void Advance(uint64_t ms)

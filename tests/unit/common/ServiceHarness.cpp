@@ -143,8 +143,8 @@ ServiceHarness::ServiceHarness(uint64_t uptimeMs)
         return MockService::Reply::Value(g_variant_new("(ai)", &cards));
     });
     kernelLog.Boot();
-    CSingleton<CDMesgAnalysis>::GetInstance()->SetSystemHooks(
-        {[this](int action, char *buf, int len) { return kernelLog.Read(action, buf, len); }, {}, {}});
+    CSingleton<CDMesgAnalysis>::GetInstance()->SetKernelLogReader(
+        [this](int action, char *buf, int len) { return kernelLog.Read(action, buf, len); });
     LinkManagers();
 }
 

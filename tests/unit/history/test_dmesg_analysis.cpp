@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "DMesgAnalysis.h"
+#include "FakeClock.h"
+#include "FakeClock.h"
 #include "HadrixUtil.h"
 #include "SyntheticKernelLog.h"
 #include "TempRoot.h"
@@ -79,12 +81,23 @@ public:
 
 class DMesgAnalysisTest : public ::testing::Test {
 protected:
-    void SetUp() override { m_Analysis.SetSystemHooks(Hooks()); }
+    // The test's clock, which keeps the pauses the analysis takes.
+    class Clock : public FakeClock {
+    public:
+        Clock() : FakeClock(100000) {}
+        void Sleep(unsigned long ms) override
+        {
+            waits.push_back(ms);
+            FakeClock::Sleep(ms);
+        }
+        std::vector<unsigned long> waits;
+    };
 
-    CDMesgAnalysis::SystemHooks Hooks()
+    void SetUp() override { m_Analysis.SetKernelLogReader(Reader()); }
+
+    CDMesgAnalysis::KernelLogReader Reader()
     {
-        return {[this](int action, char *buf, int len) { return m_Kernel.Serve(action, buf, len); },
-                [this] { return m_Now; }, [this](unsigned long ms) { m_Waits.push_back(ms); }};
+        return [this](int action, char *buf, int len) { return m_Kernel.Serve(action, buf, len); };
     }
 
     // Parses `log` fully, as the service does on a hot-plug.
@@ -96,14 +109,13 @@ protected:
 
     void PowerChangeAt(uint32_t ms)
     {
-        m_Now = ms;
+        m_Clock.SetNowMs(ms);
         m_Analysis.SetPowerChangdTime();
     }
 
     TempRoot m_Root;
     FakeKernel m_Kernel;
-    uint32_t m_Now = 100000;
-    std::vector<unsigned long> m_Waits;
+    Clock m_Clock;
     Analysis m_Analysis;
 };
 
@@ -182,7 +194,7 @@ TEST_F(DMesgAnalysisTest, DriverParserReadsIdsAndKeepsTheLatestLinePerIdForTheVe
     EXPECT_EQ(m_Analysis.GetUsbDeviceDetectedByDriverTime(0x046d, 0x0a44), 9000u);
     EXPECT_EQ(m_Analysis.GetUsbDeviceDetectedByDriverTime(0x0d8c, 0x0014), 4000u);
 
-    m_Now = 31999; // an unknown detection would be no plug-in yet
+    m_Clock.SetNowMs(31999); // an unknown detection would be no plug-in yet
     EXPECT_TRUE(m_Analysis.NeedChangeSpeaker(0x046d, 0x0a44));
     EXPECT_FALSE(m_Analysis.NeedChangeSpeaker(0x0d8c, 0x0014));
     bool found = false;
@@ -208,7 +220,7 @@ TEST_F(DMesgAnalysisTest, FullParseOfATvBootLog)
     EXPECT_EQ(m_Analysis.GetUsbDeviceDetectedByDriverTime(0x046d, 0x0a44), UNKNOWN);
     // A known size is read at once, with 8 bytes to spare.
     EXPECT_EQ(m_Kernel.readLengths, std::vector<int>{(1 << 17) + 8});
-    EXPECT_TRUE(m_Waits.empty());
+    EXPECT_TRUE(m_Clock.waits.empty());
     // The copy holds the text read, whose last byte was taken by the terminator.
     EXPECT_EQ(m_Root.ReadFile("/tmp/dmesg.txt.success"), log.substr(0, log.size() - 1));
     EXPECT_FALSE(m_Root.Exists("/tmp/dmesg.txt.err.1"));
@@ -239,7 +251,7 @@ TEST_F(DMesgAnalysisTest, TenFailedAttemptsLeaveErrorCopiesAndNotReady)
 
     EXPECT_FALSE(m_Analysis.IsParsingReady());
     EXPECT_EQ(m_Kernel.readLengths.size(), 10u);
-    EXPECT_EQ(m_Waits, std::vector<unsigned long>(9, 1000));
+    EXPECT_EQ(m_Clock.waits, std::vector<unsigned long>(9, 1000));
     for (int attempt = 1; attempt <= 10; ++attempt)
         EXPECT_EQ(m_Root.ReadFile("/tmp/dmesg.txt.err." + std::to_string(attempt)), log.substr(0, log.size() - 1))
             << attempt;
@@ -256,7 +268,7 @@ TEST_F(DMesgAnalysisTest, FailedOrEmptyReadsEndEachAttemptWithoutCopiesOrWaits)
         Parse("");
         EXPECT_FALSE(m_Analysis.IsParsingReady()) << readResult;
         EXPECT_EQ(m_Kernel.readLengths.size(), 10u) << readResult;
-        EXPECT_TRUE(m_Waits.empty()) << readResult;
+        EXPECT_TRUE(m_Clock.waits.empty()) << readResult;
         EXPECT_FALSE(m_Root.Exists("/tmp/dmesg.txt.err.1")) << readResult;
     }
 }
@@ -351,7 +363,7 @@ TEST_F(DMesgAnalysisTest, PartialParseRunsAfterAFullParseOrWhenForcedAndReadsUnt
 TEST_F(DMesgAnalysisTest, ParseIsSkippedOnlyWhenReadyUnforcedAndOutOfTiming)
 {
     auto readsFor = [this](uint32_t now, bool force = false) {
-        m_Now = now;
+        m_Clock.SetNowMs(now);
         m_Kernel.readLengths.clear();
         m_Analysis.TriggerParse(force);
         return m_Kernel.readLengths.size();
@@ -403,15 +415,15 @@ TEST_F(DMesgAnalysisTest, ChangeSpeakerAtTheBoundaries)
         SCOPED_TRACE(::testing::Message() << "power " << c.power << " core " << c.core << " detected "
                                           << c.detected << " now " << c.now << " other port " << c.otherPort);
         Analysis fresh;
-        fresh.SetSystemHooks(Hooks());
-        m_Now = c.power == UNKNOWN ? 100000 : c.power;
+        fresh.SetKernelLogReader(Reader());
+        m_Clock.SetNowMs(c.power == UNKNOWN ? 100000 : c.power);
         if (c.power != UNKNOWN)
             fresh.SetPowerChangdTime();
         m_Kernel.log = (c.core == UNKNOWN ? "" : CoreLine(c.core)) + PlugLine(c.detected, "1-1") +
                        Line(c.detected + 1, "tail");
         fresh.TriggerParse(true);
         ASSERT_EQ(fresh.GetUsbDetectedTimeByDevPath(PATH_1_1), c.detected);
-        m_Now = c.now;
+        m_Clock.SetNowMs(c.now);
         const std::string &path = c.otherPort ? PATH_1_2_3 : PATH_1_1;
         EXPECT_EQ(fresh.NeedChangeSpeaker(path), c.plugIn);
         CDMesgAnalysis::SpeakerJudgement why;
