@@ -33,17 +33,24 @@ public:
     }
 };
 
-CSystemClock g_systemClock;
-std::atomic<CClock *> g_clock{&g_systemClock};
+// Never destroyed: a worker thread may still be pausing on it while the process exits.
+CClock *SystemClock()
+{
+    static CClock *const clock = new CSystemClock();
+    return clock;
+}
+
+std::atomic<CClock *> g_clock{nullptr};
 
 } // namespace
 
 CClock &CClock::Get()
 {
-    return *g_clock.load(std::memory_order_acquire);
+    CClock *clock = g_clock.load(std::memory_order_acquire);
+    return clock ? *clock : *SystemClock();
 }
 
 void CClock::Set(CClock *clock)
 {
-    g_clock.store(clock ? clock : &g_systemClock, std::memory_order_release);
+    g_clock.store(clock, std::memory_order_release);
 }

@@ -9,6 +9,7 @@ import dbus
 import pytest
 
 from conftest import SUBSCRIBER_FILE
+from simtv import paths
 from simtv.client_api import SERVER_IFACE, SERVER_NAME, SERVER_PATH
 
 INVALID_ARGS = 'org.freedesktop.DBus.Error.InvalidArgs'
@@ -100,7 +101,10 @@ def test_an_unprivileged_caller_cannot_grow_the_subscriber_table_past_its_bound(
     # Half of them as long as a name may be, half far longer.
     names = [f'{number:04d}'.ljust(255 if number % 2 else 16 * 1024, 'n') for number in range(1000)]
     outcomes = subscribe_as(nobody, system_bus.address, names)
-    assert hadrix.rss_kib() - start_kib < 1024
+    # A sanitizer's runtime quarantines freed memory and grows its shadow: the plain build
+    # proves the bound, the sanitizer's leak check the rest.
+    if not paths.sanitizers():
+        assert hadrix.rss_kib() - start_kib < 1024
     assert os.path.getsize(hadrix_root / SUBSCRIBER_FILE) < 64 * 1024
     stored = MAX_SUBSCRIBERS - len(honest) - 1
     assert outcomes == {'answered': stored, LIMITS_EXCEEDED: 500 - stored, INVALID_ARGS: 500}

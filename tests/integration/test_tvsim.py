@@ -25,8 +25,10 @@ STORY = {
         ('hadrix', r"^it is a gamepad's sound card: left alone$"),
         ('client', r'^HD Pro Webcam C920 \(Logitech, 046d:082d, port 1-4, card 4\): was left alone when it '
                    r"was plugged in at \d\d:\d\d:\d\d\. Its name is in the service's table of webcams"),
+        # The gamepad library and the joystick's input device race to tell the service first.
         ('client', r"^8BitDo Pro 2 Audio \(8BitDo, 2dc8:3106, port 1-7\): was left alone .* It is a "
-                   r"gamepad's audio function: the gamepad library lists a gamepad with its USB ids\.$")],
+                   r"gamepad's audio function: (the gamepad library lists a gamepad|a joystick) with its "
+                   r"USB ids( is connected)?\.$")],
     "A headset of the viewer's": [
         ('viewer', r'^plugs a USB headset, Jabra Evolve 20'),
         ('platform', r'^sound manager <- output route 15$'),
