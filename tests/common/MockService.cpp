@@ -7,7 +7,7 @@ namespace hadrix::test {
 
 namespace {
 
-// RequestName's flag and answer (the D-Bus specification's numbers).
+// RequestName's flag and answer, as the D-Bus message bus numbers them.
 constexpr guint32 kDoNotQueue = 4;
 constexpr guint32 kPrimaryOwner = 1;
 
