@@ -96,14 +96,6 @@ TEST_F(Multiview, AHeadsetTakesEveryZoneAndItsLevelAndMuteGoToTheMultiviewUiNotT
     EXPECT_EQ(all.back().extraData, (fake::ExtraData{{"cmd", "play_tts"}, {"value", "beep"}}));
 }
 
-TEST_F(Multiview, SwitchedOnWhileAHeadsetCarriesTheSoundItPublishesTheStoredLevel)
-{
-    StartWithHeadset("off");
-    fake::SetString(kUiModeKey, "on");
-    tv.Settle();
-    EXPECT_EQ(VolumeInfo(), Info("off", "40"));
-}
-
 TEST_F(Multiview, ItsRouteIsTheFirstZonesAndNoZoneMeansTheDefaultRoute)
 {
     fake::SetString(kUiModeKey, "on");

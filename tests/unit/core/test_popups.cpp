@@ -1,6 +1,6 @@
 // Popups about USB audio devices as the notification service receives them: the texts of each
-// kind on each product, one popup on screen at a time, and which popup a plug brings. Texts are
-// message ids here: no catalogue is bound in the tests.
+// kind on each product and one popup on screen at a time (which popup a plug brings:
+// test_attach.cpp). Texts are message ids here: no catalogue is bound in the tests.
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -12,10 +12,6 @@
 #include "nimbos/fake.h"
 
 namespace fake = nimbos::fake;
-using hadrix::test::kAstro;
-using hadrix::test::kHeadset;
-using hadrix::test::kHeadset2;
-using hadrix::test::kHeadset3;
 using hadrix::test::ServiceHarness;
 
 namespace {
@@ -123,28 +119,6 @@ TEST(Popups, TheNextPopupTakesThePreviousOneDown)
     EXPECT_TRUE(fake::CloseNotification(second, NOTIFICATION_EVENT_DISMISSED));
     fake::RunPending();
     EXPECT_EQ(ServiceHarness::LoggedMessages().back(), "event_type: 2");
-}
-
-TEST(Popups, PlugsBringNoiseOnASharedBusTheUnsupportedWarningAndConnectedForAThirdHeadset)
-{
-    ServiceHarness tv;
-    tv.Start();
-    tv.Plug(kHeadset);
-    EXPECT_TRUE(fake::Posted().empty()) << "a headset alone on its bus";
-    // Each popup is let out before the next plug: a request that overtakes a popup still being
-    // built shows in its place.
-    std::vector<std::pair<std::string, std::string>> popups;
-    for (const auto *device : {&kHeadset2, &kAstro, &kHeadset3}) {
-        tv.Plug(*device);
-        const fake::Notification popup = Posted(popups.size() + 1).back();
-        popups.emplace_back(popup.title, popup.content);
-    }
-    EXPECT_EQ(popups, (std::vector<std::pair<std::string, std::string>>{
-                          {"H390 USB Headset",
-                           std::string("TV_SID_SOUND_CCJUN_CONNECT_TO_ANOTHER_USBSID_SPACE") + kNoiseOnPort},
-                          {"Astro A20", "TV_SID_SOUND_CBDEC_USB_DEVICE_NOT_SUPPORTED"},
-                          {"Zone Wired", "TV_SID_SOUND_MIX_CBSEP_CONNECT_USB_AUDIO_DEVICE_MSG"},
-                      }));
 }
 
 TEST(Popups, TheConnectedTextLosesEveryNamePlaceholder)

@@ -13,7 +13,6 @@
 
 #include "DMesgAnalysis.h"
 #include "FakeClock.h"
-#include "FakeClock.h"
 #include "HadrixUtil.h"
 #include "SyntheticKernelLog.h"
 #include "TempRoot.h"
