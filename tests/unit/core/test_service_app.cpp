@@ -180,6 +180,9 @@ TEST_F(ServiceLife, TheMenuLanguageIsAppliedAtStartAndFollowedAndTextsAreBoundIn
         fake::SetString(kLanguageKey, "POSIX");
         tv.Settle();
         EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C");
+        fake::SetString(kLanguageKey, "xx_NOWHERE.UTF-8"); // no such locale: the last one stays
+        tv.Settle();
+        EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C");
     });
 }
 
