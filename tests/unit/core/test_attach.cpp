@@ -55,6 +55,8 @@ TEST(Attach, APlugTheKernelSawAtBootTakesTheSoundOnlyInUsbAudioMode)
         EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 1);
         EXPECT_EQ(fake::Route(), usbAudioMode ? kUsbHeadsetRoute : kDefaultRoute);
         EXPECT_EQ(tv.StartedCards().empty(), !usbAudioMode);
+        EXPECT_EQ(Decided(kHeadset), usbAudioMode ? "hotplug-added took-sound usb-audio-mode"
+                                                  : "hotplug-added present-at-boot detected-with-core");
     }
 }
 
