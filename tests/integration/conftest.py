@@ -24,7 +24,6 @@ from simtv.devices import CATALOGUE, plug  # noqa: E402
 from simtv.env import ChildEnv  # noqa: E402
 from simtv.klog import KernelLog  # noqa: E402
 from simtv.locales import MissingLocales, compile_locales  # noqa: E402
-from simtv.notify import NotifySocket  # noqa: E402
 from simtv.platform import PlatformServices  # noqa: E402
 from simtv.observer import SignalObserver  # noqa: E402
 from simtv.root import HadrixRoot  # noqa: E402
@@ -180,14 +179,6 @@ def mocks(system_bus, child_env, tmp_path, request):
 
 
 @pytest.fixture
-def notify_socket(socket_dir, child_env):
-    sock = NotifySocket(socket_dir / 'notify')
-    child_env.set('NOTIFY_SOCKET', sock.path)
-    yield sock
-    sock.close()
-
-
-@pytest.fixture
 def bus_signals(system_bus, request):
     """The audio-server and speaker-manager signals ("Start", "Stop", "SpkDisconnected")."""
     observer = SignalObserver(system_bus.address)
@@ -264,15 +255,6 @@ def testbed(child_env):
         child_env.set(key, value)
     yield bed
     bed.close()
-
-
-@pytest.fixture
-def fast_clock(child_env):
-    """Programs run on a clock 100 times faster: uptimes no longer match kernel-log stamps."""
-    if not paths.FAKETIME_LIBS:
-        pytest.fail('libfaketime is not installed (Debian package libfaketime)', pytrace=False)
-    child_env.set('FAKETIME', '+0 x100')
-    child_env.preload(paths.FAKETIME_LIBS[0])
 
 
 @pytest.fixture

@@ -21,14 +21,6 @@ def device_rows(lines):
     return [dict(zip(COLUMNS, re.split(r'\s{2,}', line.strip()))) for line in lines[1:]]
 
 
-def test_devices_lists_the_headset_carrying_the_sound(tv, hadrixctl):
-    tv.root.set_setting(LEVEL_KEY, 35)
-    tv.start('switch to usb speaker as it is usb audio mode...', boot=['headset'],
-             usb_audio_mode=True)
-    status, lines = hadrixctl.lines('devices')
-    assert status == 0 and device_rows(lines) == [HEADSET_ROW]
-
-
 def test_monitor_prints_the_signals_decisions_and_the_list_after_a_plug(tv, launcher, hadrixctl):
     tv.root.set_setting(LEVEL_KEY, 35)
     tv.start('No devices found.')

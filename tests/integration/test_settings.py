@@ -3,22 +3,7 @@ import signal
 
 from simtv.wait import wait_until
 
-LANGUAGE = 'db/menu_widget/language'
 VOLUME = 'db/hadrix/volume_level'
-
-
-def test_language_set_by_another_process_reaches_the_service(daemon, settings_cli):
-    hadrix = daemon.start()
-    hadrix.wait_for_log(f'Add vconf key callback {LANGUAGE}')
-
-    mark = hadrix.log.mark()
-    assert settings_cli('set', LANGUAGE, 'string', 'C.UTF-8').returncode == 0
-    hadrix.wait_for_log('setlocale ret : C.UTF-8', since=mark)
-
-    mark = hadrix.log.mark()
-    assert settings_cli('set', LANGUAGE, 'string', 'xx_NOWHERE.UTF-8').returncode == 0
-    hadrix.wait_for_log('setlocale return null', since=mark)
-    assert hadrix.running()
 
 
 def test_stored_volume_survives_a_restart(daemon, settings_cli, hadrix_root):

@@ -8,6 +8,7 @@
 
 #include <json/json.h>
 
+#include "DecisionLog.h"
 #include "ServiceHarness.h"
 #include "USBDevice.h"
 #include "nimbos/fake.h"
@@ -114,6 +115,32 @@ inline void RememberDevices(ServiceHarness &tv, const std::vector<TestDevice> &d
         depot.append(entry);
     }
     tv.root.WriteFile(kDepot, Json::writeString(Json::StreamWriterBuilder(), depot));
+}
+
+// The decisions about the device (by its port) as `hadrixctl why` and `history` show them, each
+// "<event> <outcome> <rule>", with " (<cause>)" when another device's event decided: the latest
+// one (its verdict, "" for none), or every one the history keeps, oldest first.
+inline std::string Words(const Decision &decision)
+{
+    return decision.event + " " + decision.outcome + " " + decision.rule +
+           (decision.cause.empty() ? "" : " (" + decision.cause + ")");
+}
+
+inline std::string Decided(const TestDevice &device)
+{
+    for (const Verdict &verdict : CSingleton<CDecisionLog>::GetInstance()->Verdicts())
+        if (verdict.decision.device.port == device.port)
+            return Words(verdict.decision);
+    return "";
+}
+
+inline Texts History(const TestDevice &device)
+{
+    Texts decisions;
+    for (const Decision &decision : CSingleton<CDecisionLog>::GetInstance()->History())
+        if (decision.device.port == device.port)
+            decisions.push_back(Words(decision));
+    return decisions;
 }
 
 inline double NowSeconds(ServiceHarness &tv)

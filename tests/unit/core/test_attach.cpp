@@ -26,6 +26,7 @@ TEST(Attach, AFreshPlugTakesTheRouteThenTheUnmuteMarksItInUse)
     EXPECT_EQ(tv.StartedCards(), (Cards{1, 1}));
     EXPECT_EQ(CardsInUse(tv), Cards{1});
     EXPECT_EQ(KpiEvents(tv), (Texts{"new Evolve 20", "connected Evolve 20"}));
+    EXPECT_EQ(Decided(kHeadset), "hotplug-added took-sound detected-after-core");
 }
 
 TEST(Attach, APlugBetweenTwoPassesOfTheStartUpEnumerationIsAttachedAndStartedOnce)
@@ -54,6 +55,8 @@ TEST(Attach, APlugTheKernelSawAtBootTakesTheSoundOnlyInUsbAudioMode)
         EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 1);
         EXPECT_EQ(fake::Route(), usbAudioMode ? kUsbHeadsetRoute : kDefaultRoute);
         EXPECT_EQ(tv.StartedCards().empty(), !usbAudioMode);
+        EXPECT_EQ(Decided(kHeadset), usbAudioMode ? "hotplug-added took-sound usb-audio-mode"
+                                                  : "hotplug-added present-at-boot detected-with-core");
     }
 }
 
@@ -95,14 +98,22 @@ TEST(Attach, HotPlugsOutOfANormalPowerStateOrOfNoAudioCardAreDropped)
         const char *what;
         std::function<void(ServiceHarness &)> plug;
         bool attached;
+        const TestDevice &device;
+        std::string decided;
     } cases[] = {
-        {"power state 1 is normal", [](ServiceHarness &tv) { tv.ChangePower(0, 1), tv.Plug(kHeadset); }, true},
-        {"power state 2", [](ServiceHarness &tv) { tv.ChangePower(0, 2), tv.Plug(kHeadset); }, false},
-        {"power state 3", [](ServiceHarness &tv) { tv.ChangePower(0, 3), tv.Plug(kHeadset); }, false},
-        {"resume pending", [](ServiceHarness &tv) { tv.ChangePower(4, 0), tv.Plug(kHeadset); }, false},
-        {"vendor class", [&](ServiceHarness &tv) { tv.Plug(otherClass); }, false},
-        {"no card", [&](ServiceHarness &tv) { fake::Plug(withoutCard), tv.Settle(); }, false},
-        {"camera", [](ServiceHarness &tv) { tv.Plug(kWebcam); }, false},
+        {"power state 1 is normal", [](ServiceHarness &tv) { tv.ChangePower(0, 1), tv.Plug(kHeadset); }, true, kHeadset,
+         "hotplug-added present-at-resume power-change"},
+        {"power state 2", [](ServiceHarness &tv) { tv.ChangePower(0, 2), tv.Plug(kHeadset); }, false, kHeadset,
+         "hotplug-added dropped power-state-not-normal"},
+        {"power state 3", [](ServiceHarness &tv) { tv.ChangePower(0, 3), tv.Plug(kHeadset); }, false, kHeadset,
+         "hotplug-added dropped power-state-not-normal"},
+        {"resume pending", [](ServiceHarness &tv) { tv.ChangePower(4, 0), tv.Plug(kHeadset); }, false, kHeadset,
+         "hotplug-added dropped resume-pending"},
+        {"vendor class", [&](ServiceHarness &tv) { tv.Plug(otherClass); }, false, kHeadset,
+         "hotplug-added left-alone not-audio-interface"},
+        {"no card", [&](ServiceHarness &tv) { fake::Plug(withoutCard), tv.Settle(); }, false, kHeadset,
+         "hotplug-added dropped no-card-number"},
+        {"camera", [](ServiceHarness &tv) { tv.Plug(kWebcam); }, false, kWebcam, "hotplug-added left-alone camera-name"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
@@ -110,6 +121,7 @@ TEST(Attach, HotPlugsOutOfANormalPowerStateOrOfNoAudioCardAreDropped)
         tv.Start();
         c.plug(tv);
         EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), c.attached ? 1 : 0);
+        EXPECT_EQ(Decided(c.device), c.decided);
         if (!c.attached) {
             EXPECT_TRUE(tv.StartedCards().empty());
         }
@@ -128,6 +140,7 @@ TEST(Attach, AnAstroHeadsetIsKeptAsideAndWarnedAboutOnceWhileItStaysPlugged)
     EXPECT_EQ(Popups(1), Texts{"not supported Astro A20"});
     EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 1);
     EXPECT_EQ(tv.StartedCards(), (Cards{1, 1})) << "the output stays with the headset";
+    EXPECT_EQ(Decided(kAstro), "hotplug-added not-supported astro-name");
     tv.clock.Advance(500);
     const std::string depot = tv.root.ReadFile(kDepot);
     EXPECT_NE(depot.find("Evolve 20"), std::string::npos);
@@ -153,6 +166,7 @@ TEST(Attach, TwoHeadsetsCarryTheSoundAndAThirdWaitsWithAConnectedPopup)
     EXPECT_EQ(tv.StartedCards(), (Cards{1, 1, 2, 2}));
     EXPECT_EQ(CardsInUse(tv), (Cards{1, 2}));
     EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 3);
+    EXPECT_EQ(Decided(kHeadset3), "hotplug-added waits no-free-place");
     EXPECT_EQ(KpiEvents(tv), (Texts{"new Evolve 20", "connected Evolve 20", "new H390 USB Headset"}));
     EXPECT_EQ(Popups(2), (Texts{"noise H390 USB Headset", "connected Zone Wired"}));
 }

@@ -25,6 +25,7 @@ TEST(Detach, TheWaitingHeadsetTakesThePlaceTheUnpluggedOneFreed)
     EXPECT_EQ(tv.StoppedCards(), Cards{1});
     EXPECT_EQ(tv.StartedCards().back(), 3);
     EXPECT_EQ(CardsInUse(tv), (Cards{2, 3}));
+    EXPECT_EQ(Decided(kHeadset3), "hotplug-removed took-sound freed-place (Evolve 20)");
     // Noise: the two left share a USB port.
     EXPECT_EQ(Popups(3).back(), "noise H390 USB Headset");
 }

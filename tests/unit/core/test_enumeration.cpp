@@ -103,8 +103,13 @@ TEST(Enumeration, DevicesFoundAtStartTakeTheSoundInUsbAudioModeOrWhenPluggedAfte
         bool usbAudioMode;
         double detectedAt;
         bool switched;
+        std::string decided;
     } cases[] = {
-        {true, 3.5, true}, {false, 3.5, false}, {false, 7.1, false}, {false, 7.101, true}, {false, 40.0, true},
+        {true, 3.5, true, "took-sound usb-audio-mode"},
+        {false, 3.5, false, "present-at-boot detected-with-core"},
+        {false, 7.1, false, "present-at-boot detected-with-core"},
+        {false, 7.101, true, "took-sound detected-after-core"},
+        {false, 40.0, true, "took-sound detected-after-core"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(testing::Message() << "mode " << c.usbAudioMode << ", detected at " << c.detectedAt);
@@ -114,6 +119,7 @@ TEST(Enumeration, DevicesFoundAtStartTakeTheSoundInUsbAudioModeOrWhenPluggedAfte
         tv.Start();
         EXPECT_EQ(fake::Route(), c.switched ? kUsbHeadsetRoute : kDefaultRoute);
         EXPECT_EQ(tv.StartedCards(), c.switched ? Cards{1} : Cards{});
+        EXPECT_EQ(Decided(kHeadset), "startup-enumeration " + c.decided);
     }
 }
 
@@ -125,6 +131,8 @@ TEST(Enumeration, OneDevicePluggedAfterTheBootIsEnoughToSwitchToAllFound)
     tv.Start();
     EXPECT_EQ(fake::Route(), kUsbHeadsetRoute);
     EXPECT_EQ(tv.StartedCards(), (Cards{1, 2}));
+    EXPECT_EQ(Decided(kHeadset2), "startup-enumeration took-sound detected-after-core");
+    EXPECT_EQ(Decided(kHeadset), "startup-enumeration took-sound first-two-at-switch (H390 USB Headset)");
 }
 
 TEST(Enumeration, TheStartUpSwitchTakesTheFirstTwoFound)
@@ -148,6 +156,8 @@ TEST(Enumeration, CamerasAndCardsWithoutNodesAreNotTaken)
     tv.Start();
     EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 0);
     EXPECT_EQ(Passes(), 10u);
+    EXPECT_EQ(Decided(kWebcam), "startup-enumeration left-alone camera-name");
+    EXPECT_EQ(Decided(kHeadset), "startup-enumeration dropped no-sound-nodes");
 }
 
 // An Astro headset found at start-up is warned about once that pass is over.

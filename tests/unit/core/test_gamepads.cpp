@@ -47,8 +47,9 @@ private:
     int m_count = 0;
 };
 
-void ExpectLeftAlone(ServiceHarness &tv, const TestDevice &pad)
+void ExpectLeftAlone(ServiceHarness &tv, const TestDevice &pad, const std::string &rule)
 {
+    EXPECT_EQ(Decided(pad), "hotplug-added left-alone " + rule);
     EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 0);
     EXPECT_EQ(fake::Route(), kDefaultRoute);
     EXPECT_TRUE(tv.StartedCards().empty());
@@ -78,7 +79,7 @@ TEST(Gamepads, AKnownGamepadsCardIsLeftAloneWithAWarning)
     ServiceHarness tv;
     tv.Start();
     tv.Plug(kKnownPad);
-    ExpectLeftAlone(tv, kKnownPad);
+    ExpectLeftAlone(tv, kKnownPad, "gamepad-known-ids");
 }
 
 TEST(Gamepads, AGamepadConnectedBeforeTheRegistrationIsListedThenFollowedUntilItGoes)
@@ -88,7 +89,7 @@ TEST(Gamepads, AGamepadConnectedBeforeTheRegistrationIsListedThenFollowedUntilIt
     tv.Start();
     tv.clock.Advance(10000);
     tv.Plug(kPadCard);
-    ExpectLeftAlone(tv, kPadCard);
+    ExpectLeftAlone(tv, kPadCard, "gamepad-list-ids");
 
     tv.Unplug(kPadCard);
     ASSERT_TRUE(fake::DisconnectGamepad(kPadUid));
@@ -106,7 +107,7 @@ TEST(Gamepads, AGamepadConnectedAfterTheRegistrationIsListed)
     fake::ConnectGamepad(kPadUid, "8BitDo Pro 2");
     tv.Settle();
     tv.Plug(kPadCard);
-    ExpectLeftAlone(tv, kPadCard);
+    ExpectLeftAlone(tv, kPadCard, "gamepad-list-ids");
 }
 
 // Before the gamepad library is asked, and for gamepads it does not report, the system's joysticks
@@ -138,7 +139,7 @@ TEST(Gamepads, ACardWithTheIdsOfAJoystickInputDeviceIsLeftAlone)
         tv.Start();
         tv.Plug(card);
         if (c.gamepad) {
-            ExpectLeftAlone(tv, card);
+            ExpectLeftAlone(tv, card, "gamepad-joystick");
         } else {
             EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 1);
         }

@@ -66,11 +66,13 @@ TEST(Output, TheUsbRouteEntersUsbAudioModeAndUnmutesAnyOtherLeavesItAndMutes)
     EXPECT_FALSE(tv.root.Exists(kUsbAudioMode));
     EXPECT_EQ(tv.StoppedCards(), Cards{1});
     EXPECT_TRUE(CardsInUse(tv).empty());
+    EXPECT_EQ(Decided(kHeadset), "route-change released route-not-usb");
 
     ChooseRoute(tv, kUsbHeadsetRoute);
     EXPECT_TRUE(tv.root.Exists(kUsbAudioMode));
     EXPECT_EQ(tv.StartedCards(), (Cards{1, 1, 1}));
     EXPECT_EQ(CardsInUse(tv), Cards{1});
+    EXPECT_EQ(Decided(kHeadset), "route-change took-sound route-usb");
     EXPECT_EQ(g_appCalls, 2);
 }
 

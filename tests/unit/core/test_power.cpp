@@ -33,6 +33,8 @@ TEST(Power, TheLowPowerStatesReleaseTheHeadsetsInUse)
         tv.ChangePower(0, state);
         EXPECT_EQ(tv.StoppedCards(), lowPower ? Cards{1} : Cards{});
         EXPECT_EQ(KpiEvents(tv).back(), lowPower ? "disconnected Evolve 20" : "connected Evolve 20");
+        EXPECT_EQ(Decided(kHeadset),
+                  lowPower ? "power-change released standby" : "hotplug-added took-sound detected-after-core");
     }
 }
 
@@ -85,6 +87,10 @@ TEST(Power, TheResumeEnumerationFindsTheDevicesAndTakesTheSoundInUsbAudioMode)
         EXPECT_EQ(fake::GetInt(kMuteKey), 0);
         const Cards resumed = usbAudioMode ? Cards{1, 2} : Cards{};
         EXPECT_EQ(CardsInUse(tv), resumed);
+        EXPECT_EQ(History(kHeadset2),
+                  (Texts{"hotplug-added dropped resume-pending",
+                         usbAudioMode ? "resume-enumeration took-sound usb-audio-mode"
+                                      : "resume-enumeration present-at-resume resume-without-usb-audio-mode"}));
         EXPECT_EQ(fake::CallsTo("sound_manager_set_speaker_selection").size(), 0u) << "the route was kept";
     }
 }

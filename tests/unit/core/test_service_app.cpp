@@ -177,6 +177,9 @@ TEST_F(ServiceLife, TheMenuLanguageIsAppliedAtStartAndFollowedAndTextsAreBoundIn
         EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.utf8");
         EXPECT_EQ(std::string(bindtextdomain("hadrix", nullptr)), tv.root.Path("/usr/apps/hadrix/res/locale"));
         EXPECT_STREQ(bind_textdomain_codeset("hadrix", nullptr), "UTF-8");
+        fake::SetString(kLanguageKey, "xx_NOWHERE.UTF-8"); // no such locale: the last one stays
+        tv.Settle();
+        EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.utf8");
         fake::SetString(kLanguageKey, "POSIX");
         tv.Settle();
         EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C");
