@@ -55,7 +55,9 @@ def test_json_for_scripts_and_clear_refusals(tv, launcher, hadrixctl):
     monitor = launcher.start(hadrixctl.path, ['monitor', '--json'], label='hadrixctl-monitor')
     monitor.wait_for_output('"watching"')
     tv.plug('headset2')
+    # The record of "Start" sent and the device-change signal come in either order.
     monitor.wait_for_output('"sent":true')
+    monitor.wait_for_output('"signal":"send_message"')
     assert monitor.stop(signal.SIGTERM) == 0
     stream = [json.loads(line) for line in monitor.out.lines()]
     assert [line['type'] for line in stream[:2]] == ['devices', 'watching']
