@@ -11,6 +11,7 @@ import time
 
 from service_bench import (REFERENCE_NAME, SERVER_NAME, arguments, median, ratio, raw, run, series,
                            World)
+from simtv.bus import HADRIX_BUS_NAME
 from simtv.wait import wait_until
 
 BUS_IFACE = 'org.freedesktop.DBus'
@@ -35,11 +36,15 @@ class Owners:
                           what=f'{name} {"owned" if owned else "released"} ({count})')
 
 
-def time_to_name(owners, name, count, start):
+def time_to_name(owners, name, count, start, running_name=None):
+    """Seconds from start() to `name` owned; the process is stopped once it owns running_name
+    too (the service's client API is on the bus before its main loop takes SIGTERM)."""
     begin = time.monotonic()
     process = start()
     owned = owners.wait_for(name, count, owned=True)
     elapsed = owned.time - begin
+    if running_name:
+        owners.wait_for(running_name, count, owned=True)
     if process.stop() != 0:
         raise AssertionError(f'{process.label} exited with {process.returncode}')
     owners.wait_for(name, count, owned=False)
@@ -55,7 +60,8 @@ def main():
         service, reference = [], []
         for attempt in range(1, options.repeats + 2):
             service.append(time_to_name(owners, SERVER_NAME, attempt,
-                                        lambda: world.start_service('error', ready=False)))
+                                        lambda: world.start_service('error', ready=False),
+                                        running_name=HADRIX_BUS_NAME))
             reference.append(time_to_name(owners, REFERENCE_NAME, attempt,
                                           lambda: world.start('bench_ref_service', REFERENCE_NAME)))
         service, reference = service[1:], reference[1:]
