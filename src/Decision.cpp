@@ -10,10 +10,10 @@
 
 namespace {
 
-constexpr size_t kMaxNameBytes = 128;
-constexpr size_t kMaxPortBytes = 64;
-constexpr size_t kMaxPathBytes = 255;
-constexpr size_t kMaxIdBytes = 64;
+using decision::kMaxIdBytes;
+using decision::kMaxNameBytes;
+using decision::kMaxPathBytes;
+using decision::kMaxPortBytes;
 
 // Every number is written as a signed 64-bit integer, which is what the reader reads a number
 // back as: a record read from its own JSON equals it.

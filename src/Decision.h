@@ -4,6 +4,7 @@
 // D-Bus interface and hadrixctl; a record's JSON form is the one all of them carry.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -73,6 +74,13 @@ inline constexpr char kAsked[] = "asked";
 
 // A kernel-log or power-change time that is not known.
 inline constexpr int64_t kUnknownTime = -1;
+
+// The longest texts a record keeps, in bytes: names, ports, device paths, and the ids of events,
+// rules and outcomes (and of "vendor:product").
+inline constexpr size_t kMaxNameBytes = 128;
+inline constexpr size_t kMaxPortBytes = 64;
+inline constexpr size_t kMaxPathBytes = 255;
+inline constexpr size_t kMaxIdBytes = 64;
 
 } // namespace decision
 

@@ -25,9 +25,9 @@ constexpr char kRefusedSuffix[] = ".refused";
 constexpr char kFormat[] = "hadrix-decisions";
 constexpr int kVersion = 1;
 constexpr unsigned int kSaveDelayMs = 500;
-constexpr size_t kMaxNameBytes = 128;
-constexpr size_t kMaxPortBytes = 64;
-constexpr size_t kMaxPathBytes = 255;
+using decision::kMaxNameBytes;
+using decision::kMaxPathBytes;
+using decision::kMaxPortBytes;
 
 CDecisionLog::Links g_links;
 
