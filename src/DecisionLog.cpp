@@ -4,17 +4,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <exception>
-#include <fcntl.h>
-#include <memory>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "DMesgAnalysis.h"
 #include "HadrixUtil.h"
+#include "JsonVariant.h"
 #include "LocalFileData.h"
 #include "Log.h"
-#include "UniqueFd.h"
 #include "nimbos/paths.h"
 
 namespace {
@@ -39,59 +34,6 @@ bool SameDevice(const DecisionDevice &a, const DecisionDevice &b)
 int64_t WallClockMs()
 {
     return g_get_real_time() / 1000;
-}
-
-enum class ReadResult { Ok, Missing, Refused };
-
-// The file's text, read without following a link, without blocking on a FIFO and not beyond
-// the bound; `fault` says why it was refused.
-ReadResult ReadFile(const std::string &path, std::string &text, std::string &fault)
-{
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (fd.get() < 0) {
-        if (errno == ENOENT)
-            return ReadResult::Missing;
-        fault = errno == ELOOP ? "it is a symbolic link" : std::string("it cannot be opened: ") + strerror(errno);
-        return ReadResult::Refused;
-    }
-    struct stat st {};
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        fault = "it is not a regular file";
-        return ReadResult::Refused;
-    }
-    char buffer[16 * 1024];
-    for (;;) {
-        const ssize_t n = read(fd.get(), buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0) {
-            fault = std::string("it cannot be read: ") + strerror(errno);
-            return ReadResult::Refused;
-        }
-        if (n == 0)
-            return ReadResult::Ok;
-        if (text.size() + static_cast<size_t>(n) > CDecisionLog::kMaxFileBytes) {
-            fault = "it is larger than " + std::to_string(CDecisionLog::kMaxFileBytes) + " bytes";
-            return ReadResult::Refused;
-        }
-        text.append(buffer, static_cast<size_t>(n));
-    }
-}
-
-bool ParseJson(const std::string &text, Json::Value &root, std::string &fault)
-{
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    try {
-        if (reader->parse(text.data(), text.data() + text.size(), &root, &fault))
-            return true;
-    } catch (const std::exception &e) {
-        // The reader throws on some inputs (nesting beyond its stack limit).
-        fault = e.what();
-    }
-    fault = "it is not JSON (" + fault.substr(0, fault.find('\n')) + ")";
-    return false;
 }
 
 // The records of one array, in order; those of another form are counted in `skipped`.
@@ -378,14 +320,13 @@ void CDecisionLog::m_Load()
     CLocalFileData::RemoveUnfinishedReplacements(path);
     std::string text;
     std::string fault;
-    ReadResult read = ReadFile(path, text, fault);
-    if (read == ReadResult::Missing)
+    const CLocalFileData::ReadOutcome read =
+        CLocalFileData::ReadResolvedFile(path, kMaxFileBytes, false, text, fault);
+    if (read == CLocalFileData::ReadOutcome::Missing)
         return;
     Contents contents;
     size_t skipped = 0;
-    if (read == ReadResult::Ok && !Parse(text, contents, fault, skipped))
-        read = ReadResult::Refused;
-    if (read == ReadResult::Refused) {
+    if (read != CLocalFileData::ReadOutcome::Ok || !Parse(text, contents, fault, skipped)) {
         LOGE("decision history %s refused, starting afresh: %s", path.c_str(), fault.c_str());
         KeepRefusedFile(path);
         return;
@@ -433,8 +374,10 @@ bool CDecisionLog::Parse(const std::string &text, Contents &contents, std::strin
         fault = "it is larger than " + std::to_string(kMaxFileBytes) + " bytes";
         return false;
     }
-    if (!ParseJson(text, root, fault))
+    if (!ParseJson(text, root, fault)) {
+        fault = "it is not JSON (" + fault.substr(0, fault.find('\n')) + ")";
         return false;
+    }
     if (!root.isObject() || root.size() != 5 || root["format"] != kFormat || root["version"] != kVersion) {
         fault = std::string("it is not a decision history of version ") + std::to_string(kVersion);
         return false;

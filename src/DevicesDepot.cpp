@@ -1,19 +1,13 @@
 #include "DevicesDepot.h"
 
-#include <cerrno>
 #include <cstdint>
-#include <exception>
-#include <fcntl.h>
 #include <limits>
-#include <memory>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <json/json.h>
 
+#include "JsonVariant.h"
 #include "LocalFileData.h"
 #include "Log.h"
-#include "UniqueFd.h"
 #include "nimbos/paths.h"
 
 namespace {
@@ -21,47 +15,6 @@ namespace {
 // A real depot holds a handful of entries of a few hundred bytes; anything this large is not one
 // the service wrote, and parsing it would only cost memory and time.
 constexpr size_t kMaxDepotBytes = 1024 * 1024;
-
-enum class ReadResult { Ok, CannotOpen, TooLarge };
-
-// Reads a regular file whole. Non-blocking open, so that a FIFO or device put in the depot's
-// place cannot stall the caller; such files are refused as unreadable.
-ReadResult ReadDepotFile(const std::string &path, std::string &content)
-{
-    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (fd.get() < 0)
-        return ReadResult::CannotOpen;
-    struct stat st {};
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode))
-        return ReadResult::CannotOpen;
-
-    char buffer[16 * 1024];
-    for (;;) {
-        ssize_t n = read(fd.get(), buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return ReadResult::CannotOpen;
-        if (n == 0)
-            return ReadResult::Ok;
-        if (content.size() + static_cast<size_t>(n) > kMaxDepotBytes)
-            return ReadResult::TooLarge;
-        content.append(buffer, static_cast<size_t>(n));
-    }
-}
-
-bool ParseJson(const std::string &text, Json::Value &root, std::string &errors)
-{
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    try {
-        return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
-    } catch (const std::exception &e) {
-        // The reader throws instead of failing on some inputs (nesting beyond its stack limit).
-        errors = e.what();
-        return false;
-    }
-}
 
 // Unsigned decimal digits only, within 32 bits.
 bool ParseTimeStamp(const std::string &text, uint32_t &value)
@@ -161,14 +114,16 @@ void DevicesDepot::m_Deserialize()
     std::string path = nimbos::Path(DEVICES_DEPOT_FILE);
     CLocalFileData::RemoveUnfinishedReplacements(path);
     std::string text;
-    switch (ReadDepotFile(path, text)) {
-    case ReadResult::CannotOpen:
+    std::string fault;
+    switch (CLocalFileData::ReadResolvedFile(path, kMaxDepotBytes, true, text, fault)) {
+    case CLocalFileData::ReadOutcome::Missing:
+    case CLocalFileData::ReadOutcome::Refused:
         LOGE("fail to open the fail.");
         return;
-    case ReadResult::TooLarge:
+    case CLocalFileData::ReadOutcome::TooLarge:
         LOGE("device depot %s is larger than %zu bytes, ignored", path.c_str(), kMaxDepotBytes);
         return;
-    case ReadResult::Ok:
+    case CLocalFileData::ReadOutcome::Ok:
         break;
     }
     m_Devices = Deserialize(text);

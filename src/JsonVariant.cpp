@@ -1,5 +1,7 @@
 #include "JsonVariant.h"
 
+#include <exception>
+#include <memory>
 #include <string>
 
 namespace {
@@ -105,4 +107,18 @@ Json::Value VariantToJson(GVariant *dictionary)
         g_variant_unref(value);
     }
     return json;
+}
+
+bool ParseJson(const std::string &text, Json::Value &root, std::string &errors)
+{
+    Json::CharReaderBuilder builder;
+    builder["collectComments"] = false;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    try {
+        return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
+    } catch (const std::exception &e) {
+        // The reader throws instead of failing on some inputs (nesting beyond its stack limit).
+        errors = e.what();
+        return false;
+    }
 }

@@ -167,6 +167,43 @@ void CLocalFileData::m_CreateFile(const std::string &path)
         LOGE("close fail : %d", ret);
 }
 
+CLocalFileData::ReadOutcome CLocalFileData::ReadResolvedFile(const std::string &resolved, size_t maxBytes,
+                                                             bool followLink, std::string &text, std::string &fault)
+{
+    text.clear();
+    const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | (followLink ? 0 : O_NOFOLLOW);
+    UniqueFd fd(open(resolved.c_str(), flags));
+    if (fd.get() < 0) {
+        if (errno == ENOENT)
+            return ReadOutcome::Missing;
+        fault = errno == ELOOP && !followLink ? "it is a symbolic link"
+                                              : std::string("it cannot be opened: ") + strerror(errno);
+        return ReadOutcome::Refused;
+    }
+    struct stat st {};
+    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        fault = "it is not a regular file";
+        return ReadOutcome::Refused;
+    }
+    char buffer[16 * 1024];
+    for (;;) {
+        const ssize_t n = read(fd.get(), buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0) {
+            fault = std::string("it cannot be read: ") + strerror(errno);
+            return ReadOutcome::Refused;
+        }
+        if (n == 0)
+            return ReadOutcome::Ok;
+        if (text.size() + static_cast<size_t>(n) > maxBytes) {
+            fault = "it is larger than " + std::to_string(maxBytes) + " bytes";
+            return ReadOutcome::TooLarge;
+        }
+        text.append(buffer, static_cast<size_t>(n));
+    }
+}
+
 void CLocalFileData::ReadFromFile(const std::string &path, std::string &content)
 {
     content.clear();

@@ -29,6 +29,13 @@ public:
     // reader or a crash sees the old or the new content, never a part, and a symbolic link there
     // is replaced rather than followed. False (errno set) when it failed; nothing is logged.
     static bool ReplaceResolvedFile(const std::string &resolved, const char *data, size_t size);
+    enum class ReadOutcome { Ok, Missing, Refused, TooLarge };
+    // A regular file at a path already resolved for this system, read whole into `text`: opened
+    // without blocking, so that a FIFO or a device put in its place cannot stall the caller, and
+    // with followLink false a symbolic link there is refused rather than followed; a file beyond
+    // maxBytes is not read on. `fault` says why a file was refused or too large.
+    static ReadOutcome ReadResolvedFile(const std::string &resolved, size_t maxBytes, bool followLink,
+                                        std::string &text, std::string &fault);
     // Removes the temporary files that replacements of `resolved` cut short by a crash left
     // beside it ("<name>.XXXXXX"), so that they do not pile up over the crashes of a lifetime.
     static void RemoveUnfinishedReplacements(const std::string &resolved);
