@@ -1,7 +1,7 @@
 // The fake service loop: create, a GLib main loop on the default context until service_app_exit
 // (or SIGTERM/SIGINT), then terminate. Launch requests a test sends reach the app_control
 // callback on that loop, as Launch calls on the bus do on the host.
-#include "FakeAppControl.h"
+#include "AppControlHandle.h"
 #include "FakeCore.h"
 #include "SourcePtr.h"
 
