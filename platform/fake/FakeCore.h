@@ -2,7 +2,6 @@
 // availability, asynchronous delivery to a main context, and the reset of each part.
 #pragma once
 
-#include "nimbos/events.h"
 #include "nimbos/fake.h"
 
 #include <glib.h>
@@ -35,13 +34,6 @@ std::optional<int> AppUnavailable(const std::string &appId, int missingCode, int
 
 using ContextRef = UniqueHandle<GMainContext, g_main_context_unref>;
 
-inline void DestroySource(GSource *source)
-{
-    g_source_destroy(source);
-    g_source_unref(source);
-}
-// A source attached by its owner: detached and released when the owner goes.
-using SourceRef = UniqueHandle<GSource, DestroySource>;
 // The calling thread's thread-default main context, where a callback it registers runs.
 ContextRef CallerContext();
 // Runs `work` on `context` (null: the default one) from a source of its own, never before the
@@ -51,10 +43,6 @@ void Post(GMainContext *context, std::function<void()> work);
 // A number no other registration of this process has: lets a delivery find out whether the
 // registration it was posted for still stands.
 unsigned long NewRegistrationId();
-
-// Calls the key event handlers of `type` in the order they were added, until one returns
-// ECORE_EVENT_STOP (events.cpp). Handlers run where it is called.
-void RaiseKeyEvent(ecore_event_type_e type, ecore_event_key_s *event);
 
 // Paths as the fake resolves them (paths.cpp), without recording a call.
 std::string ResolvePath(const std::string &absolute);

@@ -1,8 +1,9 @@
 // The fake service loop: create, a GLib main loop on the default context until service_app_exit
 // (or SIGTERM/SIGINT), then terminate. Launch requests a test sends reach the app_control
 // callback on that loop, as Launch calls on the bus do on the host.
-#include "FakeAppControl.h"
+#include "AppControlHandle.h"
 #include "FakeCore.h"
+#include "SourcePtr.h"
 
 #include <glib-unix.h>
 
@@ -87,14 +88,14 @@ gboolean OnTerminateSignal(gpointer)
     return G_SOURCE_CONTINUE;
 }
 
-using nimbos::fake::detail::SourceRef;
+using nimbos::SourcePtr;
 
-SourceRef Attach(GSource *source, GSourceFunc callback, int priority)
+SourcePtr Attach(GSource *source, GSourceFunc callback, int priority)
 {
     g_source_set_callback(source, callback, nullptr, nullptr);
     g_source_set_priority(source, priority);
     g_source_attach(source, nullptr);
-    return SourceRef(source);
+    return SourcePtr(source);
 }
 
 // Publishes the loop to service_app_exit and SendLaunchRequest while it exists.
@@ -129,7 +130,7 @@ void RunLoop(service_app_lifecycle_callback_s *callbacks, void *userData)
 {
     g_autoptr(GMainLoop) mainLoop = g_main_loop_new(nullptr, FALSE);
     RunningLoop published(mainLoop, callbacks, userData);
-    SourceRef pendingExit = Attach(g_idle_source_new(), QuitIfRequested, G_PRIORITY_HIGH);
+    SourcePtr pendingExit = Attach(g_idle_source_new(), QuitIfRequested, G_PRIORITY_HIGH);
     g_main_loop_run(mainLoop);
 }
 
@@ -142,8 +143,8 @@ extern "C" int service_app_main(int argc, char **argv, service_app_lifecycle_cal
     if (!callback)
         return -EINVAL;
     // Watched from before create to the end of terminate, as on the host.
-    SourceRef term = Attach(g_unix_signal_source_new(SIGTERM), OnTerminateSignal, G_PRIORITY_DEFAULT);
-    SourceRef interrupt = Attach(g_unix_signal_source_new(SIGINT), OnTerminateSignal, G_PRIORITY_DEFAULT);
+    SourcePtr term = Attach(g_unix_signal_source_new(SIGTERM), OnTerminateSignal, G_PRIORITY_DEFAULT);
+    SourcePtr interrupt = Attach(g_unix_signal_source_new(SIGINT), OnTerminateSignal, G_PRIORITY_DEFAULT);
     if (callback->create && !callback->create(user_data)) {
         nimbos::fake::detail::ResetApp(); // an exit asked for in create ends no later loop
         return -ECANCELED;

@@ -1,6 +1,7 @@
 // The fake platform's shared core: the call record, injected results, service availability,
 // deliveries to main contexts, Reset, and iterating the default main context for tests.
 #include "FakeCore.h"
+#include "SourcePtr.h"
 
 #include <atomic>
 #include <deque>
@@ -333,7 +334,7 @@ bool RunUntil(const std::function<bool()> &done, int realTimeoutMs)
     const gint64 end = g_get_monotonic_time() + gint64(realTimeoutMs) * 1000;
     {
         // Wakes the blocking iteration, so done() is looked at while nothing arrives.
-        detail::SourceRef tick(g_timeout_source_new(10));
+        SourcePtr tick(g_timeout_source_new(10));
         g_source_set_callback(tick.get(), Tick, nullptr, nullptr);
         g_source_attach(tick.get(), nullptr);
         while (!done() && g_get_monotonic_time() < end)

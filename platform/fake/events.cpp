@@ -1,125 +1,23 @@
-// Fake event handlers and jobs of the main loop: handlers in one list, called in the order they
-// were added when the key router raises a key event; jobs as one-shot sources on the default main
-// context. Bookkeeping sits behind locks that are never held while a handler or a job runs.
+// Fake event handlers and jobs of the main loop: every call recorded, then the shared registry
+// (EventRegistry.h). The key router raises its events through it.
 #include "nimbos/events.h"
 
+#include "EventRegistry.h"
 #include "FakeCore.h"
-
-#include <algorithm>
-#include <atomic>
-#include <memory>
-#include <mutex>
-#include <set>
-
-struct ecore_event_handler_s {
-    int type;
-    ecore_event_handler_cb cb;
-    void *userData;
-    // Cleared on deletion; an event already being raised skips the handler from then on.
-    std::atomic<bool> live{true};
-};
-
-struct ecore_job_s {
-    ecore_job_cb cb;
-    void *userData;
-    GSource *source; // owned by the default main context until the job ends
-    bool running = false;
-};
 
 namespace {
 
 using nimbos::fake::detail::Enter;
 using nimbos::fake::detail::Record;
-using nimbos::fake::detail::SourceRef;
 using nimbos::fake::detail::Text;
-
-using HandlerRef = std::shared_ptr<ecore_event_handler_s>;
-
-struct Handlers {
-    std::mutex lock;
-    std::vector<HandlerRef> list; // in the order of adding
-};
-
-Handlers &TheHandlers()
-{
-    static Handlers *handlers = new Handlers;
-    return *handlers;
-}
-
-// The jobs that have neither run nor been deleted. Their sources are destroyed (SourceRef) only
-// after the lock is released.
-struct Jobs {
-    std::mutex lock;
-    std::set<ecore_job_s *> pending;
-};
-
-Jobs &TheJobs()
-{
-    static Jobs *jobs = new Jobs;
-    return *jobs;
-}
-
-std::vector<HandlerRef> HandlersOf(int type)
-{
-    Handlers &handlers = TheHandlers();
-    std::lock_guard<std::mutex> lock(handlers.lock);
-    std::vector<HandlerRef> matching;
-    std::copy_if(handlers.list.begin(), handlers.list.end(), std::back_inserter(matching),
-                 [type](const HandlerRef &handler) { return handler->type == type; });
-    return matching;
-}
-
-gboolean RunJob(gpointer data)
-{
-    auto *job = static_cast<ecore_job_s *>(data);
-    Jobs &jobs = TheJobs();
-    {
-        std::lock_guard<std::mutex> lock(jobs.lock);
-        if (!jobs.pending.count(job))
-            return G_SOURCE_REMOVE; // deleted on another thread after the loop had picked it
-        job->running = true;
-    }
-    job->cb(job->userData);
-    std::lock_guard<std::mutex> lock(jobs.lock);
-    jobs.pending.erase(job);
-    return G_SOURCE_REMOVE;
-}
-
-// The source's destroy notify: the job ends with its source. It may run inside g_source_destroy,
-// so it takes no lock.
-void FreeJob(gpointer data)
-{
-    delete static_cast<ecore_job_s *>(data);
-}
 
 } // namespace
 
 namespace nimbos::fake::detail {
 
-void RaiseKeyEvent(ecore_event_type_e type, ecore_event_key_s *event)
-{
-    for (const HandlerRef &handler : HandlersOf(type))
-        if (handler->live && handler->cb(type, event, handler->userData) == ECORE_EVENT_STOP)
-            return;
-}
-
 void ResetEvents()
 {
-    {
-        Handlers &handlers = TheHandlers();
-        std::lock_guard<std::mutex> lock(handlers.lock);
-        for (const HandlerRef &handler : handlers.list)
-            handler->live = false;
-        handlers.list.clear();
-    }
-    std::vector<SourceRef> sources;
-    {
-        Jobs &jobs = TheJobs();
-        std::lock_guard<std::mutex> lock(jobs.lock);
-        for (ecore_job_s *job : jobs.pending)
-            sources.emplace_back(g_source_ref(job->source));
-        jobs.pending.clear();
-    }
+    common::ClearEvents();
 }
 
 } // namespace nimbos::fake::detail
@@ -128,59 +26,24 @@ extern "C" ecore_event_handler_s *ecore_event_handler_add(int type, ecore_event_
 {
     if (Enter(__func__, {Text(type)}))
         return nullptr;
-    if ((type != ECORE_EVENT_KEY_DOWN && type != ECORE_EVENT_KEY_UP) || !cb)
-        return nullptr;
-    auto handler = std::make_shared<ecore_event_handler_s>();
-    handler->type = type;
-    handler->cb = cb;
-    handler->userData = user_data;
-    Handlers &handlers = TheHandlers();
-    std::lock_guard<std::mutex> lock(handlers.lock);
-    handlers.list.push_back(handler);
-    return handler.get();
+    return nimbos::common::AddHandler(type, cb, user_data);
 }
 
 extern "C" void ecore_event_handler_del(ecore_event_handler_s *handler)
 {
     Record(__func__, {});
-    Handlers &handlers = TheHandlers();
-    std::lock_guard<std::mutex> lock(handlers.lock);
-    auto found = std::find_if(handlers.list.begin(), handlers.list.end(),
-                              [handler](const HandlerRef &entry) { return entry.get() == handler; });
-    if (found == handlers.list.end())
-        return;
-    (*found)->live = false;
-    handlers.list.erase(found);
+    nimbos::common::DeleteHandler(handler);
 }
 
 extern "C" ecore_job_s *ecore_job_add(ecore_job_cb cb, void *user_data)
 {
-    if (Enter(__func__, {}) || !cb)
+    if (Enter(__func__, {}))
         return nullptr;
-    auto *job = new ecore_job_s{cb, user_data, g_idle_source_new()};
-    g_source_set_callback(job->source, RunJob, job, FreeJob);
-    {
-        Jobs &jobs = TheJobs();
-        std::lock_guard<std::mutex> lock(jobs.lock);
-        jobs.pending.insert(job);
-    }
-    // The context's reference keeps the source until the job ends; the job keeps a plain pointer.
-    g_source_attach(job->source, g_main_context_default());
-    g_source_unref(job->source);
-    return job;
+    return nimbos::common::AddJob(cb, user_data);
 }
 
 extern "C" void ecore_job_del(ecore_job_s *job)
 {
     Record(__func__, {});
-    SourceRef source;
-    {
-        Jobs &jobs = TheJobs();
-        std::lock_guard<std::mutex> lock(jobs.lock);
-        if (!job || !jobs.pending.count(job) || job->running)
-            return;
-        jobs.pending.erase(job);
-        // The job may end as soon as the lock is released; its source must outlive the destroy.
-        source.reset(g_source_ref(job->source));
-    }
+    nimbos::common::DeleteJob(job);
 }

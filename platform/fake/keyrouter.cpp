@@ -3,6 +3,7 @@
 // context the process connected from.
 #include "nimbos/keyrouter.h"
 
+#include "EventRegistry.h"
 #include "FakeCore.h"
 
 #include <map>
@@ -62,7 +63,7 @@ void Raise(unsigned long connectionId, ecore_event_type_e type, const std::strin
     }
     ecore_device_s device{deviceName && !deviceName->empty() ? deviceName->c_str() : nullptr};
     ecore_event_key_s event{key.c_str(), deviceName ? &device : nullptr};
-    nimbos::fake::detail::RaiseKeyEvent(type, &event);
+    nimbos::common::RaiseKeyEvent(type, &event);
 }
 
 bool Send(ecore_event_type_e type, const std::string &key, const std::optional<std::string> &deviceName)

@@ -3,6 +3,7 @@
 #include "nimbos/log.h"
 
 #include "FakeCore.h"
+#include "LogText.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +12,8 @@
 
 namespace {
 
+using nimbos::common::OneLine;
+using nimbos::common::PriorityLetter;
 using nimbos::fake::LogLine;
 
 struct Log {
@@ -24,12 +27,6 @@ Log &TheLog()
     return *log;
 }
 
-char PriorityLetter(int priority)
-{
-    static const char letters[] = "DIWEF";
-    return priority >= DLOG_DEBUG && priority <= DLOG_FATAL ? letters[priority - DLOG_DEBUG] : '?';
-}
-
 bool Echoes()
 {
     static const bool echo = [] {
@@ -37,16 +34,6 @@ bool Echoes()
         return value && strcmp(value, "1") == 0;
     }();
     return echo;
-}
-
-std::string OneLine(std::string text)
-{
-    while (!text.empty() && text.back() == '\n')
-        text.pop_back();
-    for (char &c : text)
-        if (c == '\n')
-            c = ' ';
-    return text;
 }
 
 } // namespace
@@ -62,15 +49,6 @@ extern "C" int dlog_vprint(log_priority prio, const char *tag, const char *fmt, 
     std::lock_guard<std::mutex> lock(log.lock);
     log.lines.push_back(std::move(line));
     return length;
-}
-
-extern "C" int dlog_print(log_priority prio, const char *tag, const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    int ret = dlog_vprint(prio, tag, fmt, ap);
-    va_end(ap);
-    return ret;
 }
 
 namespace nimbos::fake {

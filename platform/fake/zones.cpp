@@ -2,18 +2,9 @@
 #include "nimbos/zones.h"
 
 #include "FakeCore.h"
+#include "ZoneList.h"
 
-#include <memory>
 #include <mutex>
-
-struct rc_zone_s {
-    int id;
-};
-
-struct rc_zone_list_s {
-    std::vector<rc_zone_s> zones;
-    size_t next = 0; // the zone rc_get_next_zone returns next
-};
 
 namespace {
 
@@ -44,37 +35,29 @@ extern "C" int rc_get_zone_list(rc_zone_type_e type, rc_zone_list_s **list)
     if (auto unavailable = nimbos::fake::detail::Unavailable(Service::ResourceCenter, RC_ERROR_IO_ERROR,
                                                              RC_ERROR_TIMED_OUT))
         return *unavailable;
-    auto result = std::make_unique<rc_zone_list_s>();
     Zones &zones = TheZones();
     std::lock_guard<std::mutex> lock(zones.lock);
-    for (int id : zones.ids)
-        result->zones.push_back(rc_zone_s{id});
-    *list = result.release();
+    *list = nimbos::common::NewZoneList(zones.ids.data(), zones.ids.size());
     return RC_ERROR_NONE;
 }
 
 extern "C" rc_zone_s *rc_get_next_zone(rc_zone_list_s *list)
 {
     Record(__func__, {});
-    if (!list || list->next >= list->zones.size())
-        return nullptr;
-    return &list->zones[list->next++];
+    return nimbos::common::NextZone(list);
 }
 
 extern "C" int rc_get_zone_id(const rc_zone_s *zone, int *zone_id)
 {
     if (auto injected = Enter(__func__, {}))
         return *injected;
-    if (!zone || !zone_id)
-        return RC_ERROR_INVALID_PARAMETER;
-    *zone_id = zone->id;
-    return RC_ERROR_NONE;
+    return nimbos::common::ZoneId(zone, zone_id);
 }
 
 extern "C" void rc_free_zone_list(rc_zone_list_s *list)
 {
     Record(__func__, {});
-    std::unique_ptr<rc_zone_list_s> owned(list);
+    nimbos::common::FreeZoneList(list);
 }
 
 namespace nimbos::fake {

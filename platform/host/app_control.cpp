@@ -1,52 +1,21 @@
-// Application control on the host: a launch request is a handle holding an operation, the target's
-// app id and ordered extra data; sending it calls Launch on the target's bus name on the system bus.
+// Application control on the host: the shared handle (AppControlHandle.h); sending a launch
+// request calls Launch on the target's bus name on the system bus.
 #include "nimbos/app.h"
 
+#include "AppControlHandle.h"
 #include "HostLog.h"
 #include "UniqueHandle.h"
 
 #include <gio/gio.h>
 
-#include <cstring>
 #include <memory>
 #include <new>
-#include <string>
-#include <utility>
-#include <vector>
-
-struct app_control_s {
-    std::string operation = APP_CONTROL_OPERATION_DEFAULT;
-    std::string appId;
-    std::vector<std::pair<std::string, std::string>> extraData;
-};
 
 namespace {
 
 constexpr const char *kObjectPath = "/org/nimbos/AppControl";
 constexpr const char *kInterface = "org.nimbos.AppControl";
 constexpr int kLaunchTimeoutMs = 1000;
-
-// Strings travel in D-Bus messages, which carry UTF-8 only; refusing them here keeps every handle
-// sendable.
-bool IsText(const char *text)
-{
-    return text && g_utf8_validate(text, -1, nullptr);
-}
-
-int CopyOut(const std::string &value, char **out)
-{
-    *out = strdup(value.c_str());
-    return *out ? APP_CONTROL_ERROR_NONE : APP_CONTROL_ERROR_OUT_OF_MEMORY;
-}
-
-std::vector<std::pair<std::string, std::string>>::iterator FindExtra(app_control_h handle, const char *key)
-{
-    auto &extra = handle->extraData;
-    for (auto it = extra.begin(); it != extra.end(); ++it)
-        if (it->first == key)
-            return it;
-    return extra.end();
-}
 
 GVariant *LaunchArguments(app_control_h handle)
 {
@@ -99,98 +68,46 @@ void Reply(app_control_h request, app_control_reply_cb replyCb, int result, void
 
 extern "C" int app_control_create(app_control_h *app_control)
 {
-    if (!app_control)
-        return APP_CONTROL_ERROR_INVALID_PARAMETER;
-    *app_control = new (std::nothrow) app_control_s;
-    return *app_control ? APP_CONTROL_ERROR_NONE : APP_CONTROL_ERROR_OUT_OF_MEMORY;
+    return nimbos::common::CreateAppControl(app_control);
 }
 
 extern "C" int app_control_destroy(app_control_h app_control)
 {
-    if (!app_control)
-        return APP_CONTROL_ERROR_INVALID_PARAMETER;
-    delete app_control;
-    return APP_CONTROL_ERROR_NONE;
+    return nimbos::common::DestroyAppControl(app_control);
 }
 
 extern "C" int app_control_set_operation(app_control_h app_control, const char *operation)
 {
-    if (!app_control || (operation && !IsText(operation)))
-        return APP_CONTROL_ERROR_INVALID_PARAMETER;
-    try {
-        app_control->operation = operation ? operation : APP_CONTROL_OPERATION_DEFAULT;
-    } catch (const std::bad_alloc &) {
-        return APP_CONTROL_ERROR_OUT_OF_MEMORY;
-    }
-    return APP_CONTROL_ERROR_NONE;
+    return nimbos::common::SetOperation(app_control, operation);
 }
 
 extern "C" int app_control_get_operation(app_control_h app_control, char **operation)
 {
-    if (!app_control || !operation)
-        return APP_CONTROL_ERROR_INVALID_PARAMETER;
-    return CopyOut(app_control->operation, operation);
+    return nimbos::common::GetOperation(app_control, operation);
 }
 
 extern "C" int app_control_set_app_id(app_control_h app_control, const char *app_id)
 {
-    if (!app_control)
-        return APP_CONTROL_ERROR_INVALID_PARAMETER;
-    if (app_id && !g_dbus_is_name(app_id)) {
+    const int result = nimbos::common::SetAppId(app_control, app_id);
+    if (result == APP_CONTROL_ERROR_INVALID_PARAMETER && app_control && app_id)
         HOST_LOG(DLOG_ERROR, "app id \"%s\" refused: not a bus name", app_id);
-        return APP_CONTROL_ERROR_INVALID_PARAMETER;
-    }
-    try {
-        app_control->appId = app_id ? app_id : "";
-    } catch (const std::bad_alloc &) {
-        return APP_CONTROL_ERROR_OUT_OF_MEMORY;
-    }
-    return APP_CONTROL_ERROR_NONE;
+    return result;
 }
 
 extern "C" int app_control_add_extra_data(app_control_h app_control, const char *key, const char *value)
 {
-    if (!app_control || !IsText(key) || !*key || !IsText(value))
-        return APP_CONTROL_ERROR_INVALID_PARAMETER;
-    try {
-        auto existing = FindExtra(app_control, key);
-        if (existing != app_control->extraData.end())
-            existing->second = value;
-        else
-            app_control->extraData.emplace_back(key, value);
-    } catch (const std::bad_alloc &) {
-        return APP_CONTROL_ERROR_OUT_OF_MEMORY;
-    }
-    return APP_CONTROL_ERROR_NONE;
+    return nimbos::common::AddExtraData(app_control, key, value);
 }
 
 extern "C" int app_control_get_extra_data(app_control_h app_control, const char *key, char **value)
 {
-    if (!app_control || !key || !value)
-        return APP_CONTROL_ERROR_INVALID_PARAMETER;
-    auto existing = FindExtra(app_control, key);
-    if (existing == app_control->extraData.end())
-        return APP_CONTROL_ERROR_KEY_NOT_FOUND;
-    return CopyOut(existing->second, value);
+    return nimbos::common::GetExtraData(app_control, key, value);
 }
 
 extern "C" int app_control_foreach_extra_data(app_control_h app_control, app_control_extra_data_cb cb,
                                               void *user_data)
 {
-    if (!app_control || !cb)
-        return APP_CONTROL_ERROR_INVALID_PARAMETER;
-    // The callback may add data to the handle; walk the keys as they were when the walk began.
-    std::vector<std::string> keys;
-    try {
-        for (const auto &entry : app_control->extraData)
-            keys.push_back(entry.first);
-    } catch (const std::bad_alloc &) {
-        return APP_CONTROL_ERROR_OUT_OF_MEMORY;
-    }
-    for (const auto &key : keys)
-        if (!cb(app_control, key.c_str(), user_data))
-            break;
-    return APP_CONTROL_ERROR_NONE;
+    return nimbos::common::ForeachExtraData(app_control, cb, user_data);
 }
 
 extern "C" int app_control_send_launch_request(app_control_h app_control, app_control_reply_cb reply_cb,

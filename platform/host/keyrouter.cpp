@@ -2,7 +2,7 @@
 // KeyUp signals, sent for grabbed keys only, become ECORE_EVENT_KEY_DOWN/UP events.
 #include "nimbos/keyrouter.h"
 
-#include "HostEvents.h"
+#include "EventRegistry.h"
 #include "HostLog.h"
 #include "PlatformService.h"
 
@@ -70,7 +70,7 @@ void DeliverKey(ecore_event_type_e type, GVariant *arguments)
     // The router sends an empty name for a device that has none.
     ecore_device_s device{*deviceName ? deviceName : nullptr};
     ecore_event_key_s event{key, &device};
-    nimbos::RaiseKeyEvent(type, &event);
+    nimbos::common::RaiseKeyEvent(type, &event);
 }
 
 std::unique_ptr<SignalSubscription> SubscribeKey(const char *signal, ecore_event_type_e type)

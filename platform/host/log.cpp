@@ -3,6 +3,8 @@
 // journald takes off and keeps as the entry's priority.
 #include "nimbos/log.h"
 
+#include "LogText.h"
+
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -18,18 +20,6 @@
 namespace {
 
 constexpr const char *kOwnTag = "nimbos";
-
-char PriorityLetter(log_priority prio)
-{
-    switch (prio) {
-    case DLOG_DEBUG: return 'D';
-    case DLOG_INFO: return 'I';
-    case DLOG_WARN: return 'W';
-    case DLOG_ERROR: return 'E';
-    case DLOG_FATAL: return 'F';
-    }
-    return '?';
-}
 
 // The syslog priority journald files a line under.
 int JournalPriority(log_priority prio)
@@ -67,27 +57,16 @@ std::string LineHead(log_priority prio, const char *tag)
     localtime_r(&now.tv_sec, &local);
     char stamp[48];
     snprintf(stamp, sizeof stamp, "%02d:%02d:%02d.%03ld %c/", local.tm_hour, local.tm_min, local.tm_sec,
-             now.tv_nsec / 1000000, PriorityLetter(prio));
+             now.tv_nsec / 1000000, nimbos::common::PriorityLetter(prio));
     char ids[48];
     snprintf(ids, sizeof ids, "(%d:%ld): ", static_cast<int>(getpid()), static_cast<long>(syscall(SYS_gettid)));
     return std::string(stamp) + (tag ? tag : "") + ids;
 }
 
-// One message is one line: a trailing break is dropped, inner ones would split it in the journal.
-void MakeOneLine(std::string &body)
-{
-    while (!body.empty() && body.back() == '\n')
-        body.pop_back();
-    for (char &c : body)
-        if (c == '\n')
-            c = ' ';
-}
-
 // A single write keeps lines from different threads whole.
 int WriteLine(log_priority prio, const char *tag, std::string body)
 {
-    MakeOneLine(body);
-    std::string line = LineHead(prio, tag) + body + '\n';
+    std::string line = LineHead(prio, tag) + nimbos::common::OneLine(std::move(body)) + '\n';
     if (StderrIsJournal())
         line.insert(0, "<" + std::to_string(JournalPriority(prio)) + ">");
     ssize_t written = write(STDERR_FILENO, line.data(), line.size());
@@ -133,13 +112,4 @@ extern "C" int dlog_vprint(log_priority prio, const char *tag, const char *fmt, 
     vsnprintf(&body[0], body.size(), fmt, ap);
     body.resize(static_cast<size_t>(bodyLen));
     return WriteLine(prio, tag, std::move(body));
-}
-
-extern "C" int dlog_print(log_priority prio, const char *tag, const char *fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    int ret = dlog_vprint(prio, tag, fmt, ap);
-    va_end(ap);
-    return ret;
 }

@@ -1,20 +1,8 @@
 // Resource centre zones on the host: a client of org.nimbos.ResourceCenter on the system bus.
 #include "nimbos/zones.h"
 
-#include "HostLog.h"
 #include "PlatformService.h"
-
-#include <memory>
-#include <vector>
-
-struct rc_zone_s {
-    int id;
-};
-
-struct rc_zone_list_s {
-    std::vector<rc_zone_s> zones;
-    size_t next = 0;  // the zone rc_get_next_zone returns next
-};
+#include "ZoneList.h"
 
 namespace {
 
@@ -29,16 +17,12 @@ const nimbos::PlatformService &ResourceCenter()
     return service;
 }
 
-std::unique_ptr<rc_zone_list_s> ZoneListOf(GVariant *reply)
+rc_zone_list_s *ZoneListOf(GVariant *reply)
 {
-    auto list = std::make_unique<rc_zone_list_s>();
     g_autoptr(GVariant) ids = g_variant_get_child_value(reply, 0);
     gsize count = 0;
     const auto *id = static_cast<const gint32 *>(g_variant_get_fixed_array(ids, &count, sizeof(gint32)));
-    list->zones.reserve(count);
-    for (gsize i = 0; i < count; ++i)
-        list->zones.push_back(rc_zone_s{id[i]});
-    return list;
+    return nimbos::common::NewZoneList(id, count);
 }
 
 } // namespace
@@ -52,26 +36,21 @@ extern "C" int rc_get_zone_list(rc_zone_type_e type, rc_zone_list_s **list)
                                        G_VARIANT_TYPE("(ai)"), &reply);
     if (result != kServiceOk)
         return result;
-    *list = ZoneListOf(reply).release();
+    *list = ZoneListOf(reply);
     return RC_ERROR_NONE;
 }
 
 extern "C" rc_zone_s *rc_get_next_zone(rc_zone_list_s *list)
 {
-    if (!list || list->next >= list->zones.size())
-        return nullptr;
-    return &list->zones[list->next++];
+    return nimbos::common::NextZone(list);
 }
 
 extern "C" int rc_get_zone_id(const rc_zone_s *zone, int *zone_id)
 {
-    if (!zone || !zone_id)
-        return RC_ERROR_INVALID_PARAMETER;
-    *zone_id = zone->id;
-    return RC_ERROR_NONE;
+    return nimbos::common::ZoneId(zone, zone_id);
 }
 
 extern "C" void rc_free_zone_list(rc_zone_list_s *list)
 {
-    std::unique_ptr<rc_zone_list_s> owned(list);
+    nimbos::common::FreeZoneList(list);
 }
