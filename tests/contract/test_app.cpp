@@ -201,6 +201,10 @@ TEST_F(AppContract, ExitOrSigtermDuringCreateEndsTheLoopAtOnceAndAFailedCreateSk
         EXPECT_EQ(RunService(run), 0);
         EXPECT_EQ(run.steps, (std::vector<std::string>{"create", "terminate"})) << end;
     }
+    LoopRun next;
+    EXPECT_EQ(RunService(next), 0);
+    EXPECT_EQ(next.steps, (std::vector<std::string>{"create", "app_control", "terminate"}))
+        << "an ended loop's exit request ends no later loop";
     LoopRun failing;
     failing.end = LoopRun::CreateFails;
     EXPECT_LT(RunService(failing), 0);
