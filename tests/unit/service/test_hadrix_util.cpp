@@ -83,10 +83,4 @@ TEST(Time, UptimeFollowsTheMonotonicClockAndWaitSleepsMilliseconds)
     EXPECT_GE(g_get_monotonic_time() - start, 30000);
 }
 
-TEST(SoundNodes, MissingCardNodesAreReportedAbsent)
-{
-    EXPECT_FALSE(CUsbServiceUtil::IsSndPcmPlayExist(97));
-    EXPECT_FALSE(CUsbServiceUtil::IsSndCtrlCardExist(97));
-}
-
 } // namespace
