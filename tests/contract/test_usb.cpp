@@ -145,17 +145,6 @@ TEST_F(UsbContract, AddedComesOnceACardIsReadyAndRemovedWithTheDataItHad)
     EXPECT_TRUE(heard.AllOn(std::this_thread::get_id()));
 }
 
-TEST_F(UsbContract, CardsReadyBeforeTheFirstCallbackReportOnlyTheirRemoval)
-{
-    driver.PlugCard(kHeadset, true);
-    Heard<Seen> heard;
-    ASSERT_EQ(usb_set_connected_cb(Record, &heard), USB_DEVICE_ERROR_NONE);
-    driver.UnplugCard(kHeadset);
-    ASSERT_TRUE(heard.WaitFor(1));
-    RunPending();
-    EXPECT_EQ(heard.Events(), std::vector<Seen>{Expected("removed", kHeadset)});
-}
-
 TEST_F(UsbContract, TheCallbackRunsOnTheRegisteringThreadsContext)
 {
     LoopThread thread;
