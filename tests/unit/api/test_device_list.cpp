@@ -72,6 +72,11 @@ TEST(NetDeviceList, DevicesInUseComeFirstThenTheOldestOthersAtMostTwo)
     EXPECT_EQ(volume, 7);
     EXPECT_TRUE(mixed.ZeroFrom(2));
 
+    const Filled noneInUse = Fill({Device("C", DEVICE_STATUS_IDLE, 30), Device("A", DEVICE_STATUS_RELEASED, 10),
+                                   Device("B", DEVICE_STATUS_IDLE, 20)});
+    ASSERT_EQ(noneInUse.count, 2);
+    EXPECT_EQ(noneInUse.Text(0, 39) + ", " + noneInUse.Text(1, 39), "A (USB), B (USB)");
+
     const Filled inUse = Fill({Device("Third", DEVICE_STATUS_USING, 3), Device("First", DEVICE_STATUS_USING, 1),
                                Device("Second", DEVICE_STATUS_USING, 2)});
     ASSERT_EQ(inUse.count, 2);

@@ -29,19 +29,6 @@ TEST(Attach, AFreshPlugTakesTheRouteThenTheUnmuteMarksItInUse)
     EXPECT_EQ(Decided(kHeadset), "hotplug-added took-sound detected-after-core");
 }
 
-TEST(Attach, APlugBetweenTwoPassesOfTheStartUpEnumerationIsAttachedAndStartedOnce)
-{
-    ServiceHarness tv;
-    tv.SetUsbAudioMode(true);
-    tv.BeginStart(); // the first pass found nothing
-    tv.Plug(kHeadset);
-    EXPECT_TRUE(tv.DeviceManager()->IsEnumerating());
-    EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 0) << "held until the enumeration ends";
-    tv.FinishEnumeration();
-    EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 1);
-    EXPECT_EQ(tv.StartedCards(), std::vector<int>{1});
-}
-
 // A plug the kernel log dates back to the boot is no viewer's plug, unless the service was in
 // USB audio mode: then any plug takes the sound.
 TEST(Attach, APlugTheKernelSawAtBootTakesTheSoundOnlyInUsbAudioMode)

@@ -138,11 +138,9 @@ TEST_F(ClientApi, SubscribersAreOneLineEachInTheFileWhichTheNextStartReads)
 
 TEST_F(ClientApi, ANameThatWouldNotReadBackAsOneWordIsRefusedAndSoIsAnyNewOneWhenTheTableIsFull)
 {
-    for (const std::string &name :
-         {std::string("two words"), std::string("form\ffeed"), std::string(256, 'q'), std::string()}) {
-        EXPECT_EQ(CallWithName(api::kSubscribe, name), kInvalidArgs) << name;
-        EXPECT_EQ(CallWithName(api::kUnsubscribe, name), "obj" + name.substr(0, 252)) << "nothing to remove";
-    }
+    // Which names would not read back: SubscriberFileTest (api/test_subscribers.cpp).
+    EXPECT_EQ(CallWithName(api::kSubscribe, "two words"), kInvalidArgs);
+    EXPECT_EQ(CallWithName(api::kUnsubscribe, "two words"), "objtwo words") << "nothing to remove";
     EXPECT_EQ(Subscribers(), "<absent>");
 
     // The table holds one place more than the file the service starts with.
@@ -183,9 +181,7 @@ TEST_F(ClientApi, TheDeviceListIsOne327ByteRecordPerDeviceShown)
     EXPECT_EQ(text(1), "USB Headphone");
     EXPECT_EQ(text(15), "connected");
     EXPECT_EQ(record.substr(35, 4), std::string("\x17\0\0\0", 4)) << "volume 23, little-endian";
-    EXPECT_EQ(text(39), "Evolve 20 (USB)");
-    EXPECT_EQ(text(167), "Jabra");
-    EXPECT_EQ(record.find_first_not_of('\0', 295), std::string::npos);
+    EXPECT_EQ(text(39), "Evolve 20 (USB)"); // the other fields: NetDeviceList (api/test_device_list.cpp)
 }
 
 TEST_F(ClientApi, EveryChangeOfTheDevicesIsBroadcastToTheClients)

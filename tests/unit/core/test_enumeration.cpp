@@ -95,56 +95,38 @@ TEST(Enumeration, TheFirstStartSinceBootUnmutesTheStoredState)
     }
 }
 
-// In USB audio mode what was found takes the sound; otherwise only a device the kernel found more
-// than 5 s after the USB core came up (2.1 s after boot here) counts as plugged by the viewer.
-TEST(Enumeration, DevicesFoundAtStartTakeTheSoundInUsbAudioModeOrWhenPluggedAfterTheBoot)
+// In USB audio mode what was found takes the sound; otherwise a device present since the boot
+// does not (where the kernel log's judgement draws the line: test_dmesg_analysis.cpp).
+TEST(Enumeration, DevicesFoundAtStartTakeTheSoundOnlyInUsbAudioMode)
 {
-    struct Case {
-        bool usbAudioMode;
-        double detectedAt;
-        bool switched;
-        std::string decided;
-    } cases[] = {
-        {true, 3.5, true, "took-sound usb-audio-mode"},
-        {false, 3.5, false, "present-at-boot detected-with-core"},
-        {false, 7.1, false, "present-at-boot detected-with-core"},
-        {false, 7.101, true, "took-sound detected-after-core"},
-        {false, 40.0, true, "took-sound detected-after-core"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << "mode " << c.usbAudioMode << ", detected at " << c.detectedAt);
+    for (bool usbAudioMode : {true, false}) {
+        SCOPED_TRACE(usbAudioMode ? "USB audio mode" : "not USB audio mode");
         ServiceHarness tv;
-        tv.SetUsbAudioMode(c.usbAudioMode);
-        tv.PresentAtBoot(kHeadset, c.detectedAt);
+        tv.SetUsbAudioMode(usbAudioMode);
+        tv.PresentAtBoot(kHeadset);
         tv.Start();
-        EXPECT_EQ(fake::Route(), c.switched ? kUsbHeadsetRoute : kDefaultRoute);
-        EXPECT_EQ(tv.StartedCards(), c.switched ? Cards{1} : Cards{});
-        EXPECT_EQ(Decided(kHeadset), "startup-enumeration " + c.decided);
+        EXPECT_EQ(fake::Route(), usbAudioMode ? kUsbHeadsetRoute : kDefaultRoute);
+        EXPECT_EQ(tv.StartedCards(), usbAudioMode ? Cards{1} : Cards{});
+        EXPECT_EQ(Decided(kHeadset), usbAudioMode ? "startup-enumeration took-sound usb-audio-mode"
+                                                  : "startup-enumeration present-at-boot detected-with-core");
     }
 }
 
-TEST(Enumeration, OneDevicePluggedAfterTheBootIsEnoughToSwitchToAllFound)
+// One device plugged after the boot switches the sound to USB, and the switch takes the first two
+// found, with one change of route.
+TEST(Enumeration, OneDevicePluggedAfterTheBootSwitchesTheFirstTwoFound)
 {
     ServiceHarness tv;
     tv.PresentAtBoot(kHeadset);
     tv.PresentAtBoot(kHeadset2, 40.0);
+    tv.PresentAtBoot(kHeadset3);
     tv.Start();
     EXPECT_EQ(fake::Route(), kUsbHeadsetRoute);
-    EXPECT_EQ(tv.StartedCards(), (Cards{1, 2}));
-    EXPECT_EQ(Decided(kHeadset2), "startup-enumeration took-sound detected-after-core");
-    EXPECT_EQ(Decided(kHeadset), "startup-enumeration took-sound first-two-at-switch (H390 USB Headset)");
-}
-
-TEST(Enumeration, TheStartUpSwitchTakesTheFirstTwoFound)
-{
-    ServiceHarness tv;
-    tv.SetUsbAudioMode(true);
-    for (const TestDevice &device : {kHeadset, kHeadset2, kHeadset3})
-        tv.PresentAtBoot(device);
-    tv.Start();
+    EXPECT_EQ(CallCount("sound_manager_set_speaker_selection"), 1u);
     EXPECT_EQ(tv.StartedCards(), (Cards{1, 2}));
     EXPECT_EQ(CardsInUse(tv), (Cards{1, 2}));
-    EXPECT_EQ(CallCount("sound_manager_set_speaker_selection"), 1u);
+    EXPECT_EQ(Decided(kHeadset2), "startup-enumeration took-sound detected-after-core");
+    EXPECT_EQ(Decided(kHeadset), "startup-enumeration took-sound first-two-at-switch (H390 USB Headset)");
 }
 
 TEST(Enumeration, CamerasAndCardsWithoutNodesAreNotTaken)
@@ -182,8 +164,7 @@ TEST(Enumeration, NothingFoundInUsbAudioModeWaitsForTheHeadsetsOfTheLastRun)
         std::optional<double> seenAt; // the remembered headset, by the kernel log
         std::optional<uint64_t> leftAfterMs;
     } cases[] = {
-        {false, 3.5, std::nullopt}, {true, std::nullopt, 15000}, {true, 3.5, 30000},
-        {true, 29.999, 30000},      {true, 30.0, 0},             {true, 100.0, 0},
+        {false, 3.5, std::nullopt}, {true, std::nullopt, 15000}, {true, 3.5, 30000}, {true, 100.0, 0},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(testing::Message() << "mode " << c.usbAudioMode << ", seen at " << c.seenAt.value_or(-1));
@@ -261,7 +242,8 @@ TEST(Enumeration, TheMixersAreSetAgainFortySecondsAfterTheStart)
 }
 
 // Events that come while the enumeration runs wait for its end and are then handled in the order
-// they came: here a plug, the viewer's two choices of route, and the TV going to low power.
+// they came: here a plug between two passes (attached once, by the next pass), the viewer's two
+// choices of route, and the TV going to low power.
 TEST(Enumeration, EventsDuringTheEnumerationAreHandledAfterItInTheirOrder)
 {
     ServiceHarness tv;
@@ -271,6 +253,7 @@ TEST(Enumeration, EventsDuringTheEnumerationAreHandledAfterItInTheirOrder)
     fake::AnnounceRoute(kTvSpeakerRoute);
     fake::AnnounceRoute(kUsbHeadsetRoute);
     tv.ChangePower(0, 2);
+    EXPECT_EQ(tv.DeviceManager()->GetDeviceCnt(), 0) << "the plug too waits";
     EXPECT_TRUE(tv.root.Exists(kUsbAudioMode));
     EXPECT_TRUE(tv.StoppedCards().empty());
 

@@ -43,7 +43,8 @@ using Command = std::pair<std::string, std::string>;
 // The TV and what a test of its keys does with it.
 class KeysTv {
 public:
-    // The service starts in USB audio mode with kHeadset plugged, so the headset carries the sound.
+    // The service starts in USB audio mode with kHeadset plugged, so the headset carries the sound
+    // and the keys are the service's (Press fails otherwise).
     void Start(int storedLevel = 50, bool tts = false)
     {
         fake::SetInt(kLevelKey, storedLevel);
@@ -51,7 +52,6 @@ public:
         tv.PresentAtBoot(kHeadset);
         tv.SetUsbAudioMode(true);
         tv.Start();
-        ASSERT_EQ(fake::GrabbedKeys(kWindow), kVolumeKeys);
         m_LaunchesBefore = fake::Launches().size();
     }
 

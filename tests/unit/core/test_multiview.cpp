@@ -75,13 +75,10 @@ TEST_F(Multiview, OnlyUiModeExactlyOnTurnsItOn)
     EXPECT_FALSE(CMultiviewHandler::GetInstance()->IsMultiviewOn()) << "a change of ui_mode is followed";
 }
 
-TEST_F(Multiview, AHeadsetTakesEveryZoneAndItsLevelAndMuteGoToTheMultiviewUiNotTheViewer)
+TEST_F(Multiview, TheHeadsetsLevelAndMuteGoToTheMultiviewUiNotTheViewer)
 {
     fake::SetBool("db/setting/accessibility/tts", true);
-    StartWithHeadset("on");
-    EXPECT_EQ(std::make_pair(fake::MultiviewRoute(0), fake::MultiviewRoute(1)),
-              std::make_pair(kUsbHeadsetRoute, kUsbHeadsetRoute));
-    EXPECT_EQ(VolumeInfo(), Info("off", "40"));
+    StartWithHeadset("on"); // every zone routed, the level published: test_output.cpp
     const size_t launches = fake::Launches().size();
     Press(kUp);
     ASSERT_TRUE(fake::ReleaseKey(kUp, std::string(kRemote)));
@@ -125,8 +122,6 @@ TEST_F(Multiview, TheViewersRouteChangeReachesTheHeadsetManagerOnlyWhileMultivie
     fake::AnnounceMultiviewRoute(kTvSpeakerRoute, 0);
     tv.Settle();
     EXPECT_EQ(tv.StoppedCards(), std::vector<int>{kHeadset.card});
-    EXPECT_TRUE(fake::GrabbedKeys(0).empty());
-    EXPECT_FALSE(tv.root.Exists("/home/owner/apps_rw/hadrix/data/USB_AUDIO_mode"));
 }
 
 } // namespace

@@ -1,28 +1,24 @@
 // The detected-device list: list semantics, and the debounced save to the device depot file.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
-#include <glib.h>
 #include <json/json.h>
 #include <unistd.h>
 
 #include "DevicesDepot.h"
 #include "DevicesDetected.h"
+#include "FakeClock.h"
 #include "LocalFileData.h"
 #include "TempRoot.h"
 
 namespace {
 
-constexpr gint64 kMs = 1000; // monotonic clock units per millisecond
-constexpr gint64 kSaveDelay = 500 * kMs;
-// How late a save may come on a busy machine before it counts as missing.
-constexpr gint64 kSaveSlack = 1000 * kMs;
+constexpr uint64_t kSaveDelayMs = 500;
 
 USBDeviceInfo Device(const std::string &path, uint32_t timeStamp = 0, device_status status = DEVICE_STATUS_IDLE)
 {
@@ -37,71 +33,33 @@ std::vector<std::string> Paths(const std::vector<USBDeviceInfo> &devices)
     return paths;
 }
 
-struct DepotWrite {
-    gint64 at; // monotonic time at which the write was seen
-    std::string content;
-};
-
 class DevicesDetectedTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
         DevicesDetected::ReleaseInstance();
         CLocalFileData::ReleaseInstance();
-        // Wakes the loop often, so that a write is seen right after the iteration that made it.
-        m_ticker = g_timeout_add(10, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
     }
     void TearDown() override
     {
-        g_source_remove(m_ticker);
         DevicesDetected::ReleaseInstance();
         CLocalFileData::ReleaseInstance();
     }
 
     DevicesDetected &List() { return *DevicesDetected::GetInstance(); }
-    bool DepotExists() const { return root.Exists(DEVICES_DEPOT_FILE); }
-
-    // Runs the main loop for the given time and adds every write of the depot file to m_writes.
-    // Each write found is moved out of the way, so that the next write shows as a new file.
-    const std::vector<DepotWrite> &CollectWrites(gint64 duration)
+    // What the saves so far wrote to the depot file ("" for nothing); the file is taken away, so
+    // that the next save shows.
+    std::string TakeDepot()
     {
-        gint64 deadline = g_get_monotonic_time() + duration;
-        while (g_get_monotonic_time() < deadline) {
-            g_main_context_iteration(nullptr, TRUE);
-            if (DepotExists()) {
-                m_writes.push_back({g_get_monotonic_time(), root.ReadFile(DEVICES_DEPOT_FILE)});
-                unlink(root.Path(DEVICES_DEPOT_FILE).c_str());
-            }
-        }
-        return m_writes;
-    }
-
-    // Runs the main loop until the depot file appears; leaves it in place.
-    bool WaitForDepot()
-    {
-        gint64 deadline = g_get_monotonic_time() + kSaveDelay + kSaveSlack;
-        while (!DepotExists() && g_get_monotonic_time() < deadline)
-            g_main_context_iteration(nullptr, TRUE);
-        return DepotExists();
-    }
-
-    // Checks that exactly one write came, a save delay after lastChange; returns its content.
-    std::string OneWriteAfter(gint64 lastChange)
-    {
-        const std::vector<DepotWrite> &writes = CollectWrites(kSaveDelay + kSaveSlack);
-        EXPECT_EQ(writes.size(), 1u);
-        if (writes.empty())
+        if (!root.Exists(DEVICES_DEPOT_FILE))
             return "";
-        EXPECT_GE(writes[0].at - lastChange, kSaveDelay);
-        EXPECT_LT(writes[0].at - lastChange, kSaveDelay + kSaveSlack);
-        return writes[0].content;
+        const std::string content = root.ReadFile(DEVICES_DEPOT_FILE);
+        unlink(root.Path(DEVICES_DEPOT_FILE).c_str());
+        return content;
     }
 
     TempRoot root;
-    std::vector<DepotWrite> m_writes;
-
-private:
-    guint m_ticker = 0;
+    FakeClock clock;
 };
 
 TEST_F(DevicesDetectedTest, ReAddedDeviceMovesToTheEndWithNewValues)
@@ -171,47 +129,47 @@ TEST_F(DevicesDetectedTest, ClearSortAndUnknownPathChangesScheduleNoSave)
 {
     List().AddDevice(Device("/b", 2));
     List().AddDevice(Device("/a", 1));
-    ASSERT_TRUE(WaitForDepot());
-    ASSERT_EQ(unlink(root.Path(DEVICES_DEPOT_FILE).c_str()), 0);
+    clock.Advance(kSaveDelayMs);
+    ASSERT_NE(TakeDepot(), "");
 
     List().SortDevices();
     List().Clear();
     List().RemoveDevice("/unknown");
     List().SetDeviceStatus("/unknown", DEVICE_STATUS_USING);
-    EXPECT_TRUE(CollectWrites(kSaveDelay + 300 * kMs).empty());
+    clock.Advance(10 * kSaveDelayMs);
+    EXPECT_EQ(TakeDepot(), "");
 }
 
-TEST_F(DevicesDetectedTest, BurstOfThreeChangesIsSavedOnceAfterTheLast)
+TEST_F(DevicesDetectedTest, BurstOfThreeChangesIsSavedOnceHalfASecondAfterTheLast)
 {
     List().AddDevice(Device("/a"));
-    CollectWrites(200 * kMs);
+    clock.Advance(200);
     List().AddDevice(Device("/b"));
-    CollectWrites(200 * kMs);
-    gint64 lastChange = g_get_monotonic_time();
+    clock.Advance(200);
     List().SetDeviceStatus("/a", DEVICE_STATUS_USING);
+    clock.Advance(kSaveDelayMs - 1);
+    EXPECT_EQ(TakeDepot(), "");
+    clock.Advance(1);
     // The one write holds the list as it was after the last change.
-    const std::string content = OneWriteAfter(lastChange);
+    const std::string content = TakeDepot();
     EXPECT_NE(content.find("\"/b\""), std::string::npos) << content;
     EXPECT_NE(content.find("\"status\" : 1"), std::string::npos) << content;
+    clock.Advance(10 * kSaveDelayMs);
+    EXPECT_EQ(TakeDepot(), "") << "saved once";
 }
 
 TEST_F(DevicesDetectedTest, ChangesFromAnotherThreadAreSavedOnce)
 {
-    std::atomic<gint64> lastChange{0};
-    std::atomic<bool> done{false};
     DevicesDetected *list = &List();
-    std::thread worker([&] {
-        for (int i = 0; i < 3; ++i) {
-            lastChange = g_get_monotonic_time();
+    std::thread worker([list] {
+        for (int i = 0; i < 3; ++i)
             list->AddDevice(Device("/w" + std::to_string(i)));
-            g_usleep(150 * 1000);
-        }
-        done = true;
     });
-    while (!done)
-        CollectWrites(50 * kMs);
     worker.join();
-    EXPECT_NE(OneWriteAfter(lastChange.load()).find("\"/w2\""), std::string::npos);
+    clock.Advance(kSaveDelayMs);
+    EXPECT_NE(TakeDepot().find("\"/w2\""), std::string::npos);
+    clock.Advance(10 * kSaveDelayMs);
+    EXPECT_EQ(TakeDepot(), "") << "saved once";
 }
 
 TEST_F(DevicesDetectedTest, SavedFileHoldsTheRecordsWithTheTimeStampAsText)
@@ -219,7 +177,7 @@ TEST_F(DevicesDetectedTest, SavedFileHoldsTheRecordsWithTheTimeStampAsText)
     USBDeviceInfo info = Device("/devices/usb1/1-1/1-1:1.0/sound/card1", 4000000000u, DEVICE_STATUS_USING);
     info.bNotified = true;
     List().AddDevice(info);
-    ASSERT_TRUE(WaitForDepot());
+    clock.Advance(kSaveDelayMs);
 
     Json::Value saved;
     std::string errors;
