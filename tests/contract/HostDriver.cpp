@@ -1,22 +1,26 @@
 // The contract suites' driver for nimbos-host: the real world the host implementation lives in.
-// The platform services are mock peers on the binary's private system bus (HostPeers); USB sound
-// cards and gamepads live in a umockdev testbed (HostTestbed; the binary runs under
+// The platform services and the applications are the simulated TV's own, python-dbusmock
+// processes of tools/tvsim/templates/ on the binary's private system bus (TemplatePeer); USB
+// sound cards and gamepads live in a umockdev testbed (HostTestbed; the binary runs under
 // umockdev-wrapper); settings are written by the hadrix-settings tool, another process; system
 // information is the key file; the watchdog listens on a NOTIFY_SOCKET datagram socket; the log
 // is standard error, captured.
 #include "ContractTest.h"
-#include "HostPeers.h"
 #include "HostTestbed.h"
+#include "TemplatePeer.h"
 #include "UnderUmockdev.h"
+#include "nimbos/notification.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -79,27 +83,99 @@ void RunSettingsTool(const std::vector<std::string> &args)
     EXPECT_TRUE(g_spawn_check_wait_status(status, nullptr)) << "hadrix-settings " << args[0] << ": " << errors;
 }
 
-bool HasOwner(GDBusConnection *bus, const char *name)
+struct ServiceTemplate {
+    Service service;
+    const char *templateName;
+    const char *busName; // also its interface; the object path is the name with '/' for '.'
+    std::vector<std::string> reads; // what the driver reads of it, besides its calls
+};
+
+const ServiceTemplate kServices[] = {
+    {Service::SoundManager, "sound_manager", "org.nimbos.SoundManager", {}},
+    {Service::AudioControl, "audio_control", "org.nimbos.AudioControl", {}},
+    {Service::DevicePower, "device_power", "org.nimbos.DevicePower", {}},
+    {Service::ResourceCenter, "resource_center", "org.nimbos.ResourceCenter", {}},
+    {Service::KeyRouter, "key_router", "org.nimbos.KeyRouter", {"GetSpecialKeyModes"}},
+    {Service::Notifications, "notifications", "org.freedesktop.Notifications", {"OnScreenDetails"}},
+};
+
+constexpr const char *kAppControlPath = "/org/nimbos/AppControl";
+constexpr const char *kAppControlInterface = "org.nimbos.AppControl";
+
+std::string ObjectPathOf(const std::string &busName)
 {
-    g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
-        bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
-        g_variant_new("(s)", name), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-    gboolean owned = FALSE;
-    if (reply)
-        g_variant_get(reply, "(b)", &owned);
-    return owned;
+    std::string path = "/" + busName;
+    std::replace(path.begin(), path.end(), '.', '/');
+    return path;
 }
 
-// The bus tells no one when a name gets an owner: look every 10 ms, for 5 s at most.
-bool WaitForOwner(GDBusConnection *bus, const char *name)
+// The template's parameters for a platform that has just started: the defaults, but no zones.
+GVariant *StartingParameters(Service service)
 {
-    const gint64 end = g_get_monotonic_time() + 5 * G_USEC_PER_SEC;
-    while (!HasOwner(bus, name)) {
-        if (g_get_monotonic_time() >= end)
-            return false;
-        g_usleep(10 * 1000);
+    GVariantBuilder parameters;
+    g_variant_builder_init(&parameters, G_VARIANT_TYPE_VARDICT);
+    if (service == Service::ResourceCenter)
+        g_variant_builder_add(&parameters, "{sv}", "zones", g_variant_new_array(G_VARIANT_TYPE_INT32, nullptr, 0));
+    return g_variant_builder_end(&parameters);
+}
+
+// The index-th argument of a recorded call (its arguments are an av), unboxed.
+VariantRef ArgumentOf(GVariant *arguments, gsize index)
+{
+    g_autoptr(GVariant) boxed = g_variant_get_child_value(arguments, index);
+    return VariantRef(g_variant_get_variant(boxed), g_variant_unref);
+}
+
+// "SetMuteGain(3, 40)" for a call of SetMuteGain with the arguments [<3>, <40>].
+std::string CallText(const std::string &method, GVariant *arguments)
+{
+    std::string text;
+    for (gsize i = 0; i < g_variant_n_children(arguments); ++i) {
+        g_autofree gchar *printed = g_variant_print(ArgumentOf(arguments, i).get(), FALSE);
+        text += (i ? ", " : "") + std::string(printed);
     }
-    return true;
+    return method + "(" + text + ")";
+}
+
+// A Launch call ([<operation>, <extra data>]) as the application received it.
+Launch LaunchOf(const std::string &appId, GVariant *arguments)
+{
+    Launch launch{appId, g_variant_get_string(ArgumentOf(arguments, 0).get(), nullptr), {}};
+    const VariantRef extraData = ArgumentOf(arguments, 1);
+    GVariantIter extra;
+    g_variant_iter_init(&extra, extraData.get());
+    const char *key = nullptr;
+    const char *value = nullptr;
+    while (g_variant_iter_next(&extra, "(&s&s)", &key, &value))
+        launch.extraData.emplace_back(key, value);
+    return launch;
+}
+
+// A notification on screen as the service keeps it: id, summary, body, hints, expire timeout.
+Popup PopupOf(GVariant *shown)
+{
+    Popup popup;
+    const char *title = nullptr;
+    const char *content = nullptr;
+    g_autoptr(GVariant) hints = nullptr;
+    gint32 expireMs = -1;
+    g_variant_get(shown, "(u&s&s@a{sv}i)", &popup.id, &title, &content, &hints, &expireMs);
+    popup.title = title;
+    popup.content = content;
+    const char *image = nullptr;
+    gint32 number = 0;
+    gboolean flag = FALSE;
+    if (g_variant_lookup(hints, "image-path", "&s", &image))
+        popup.image = image;
+    if (g_variant_lookup(hints, "x-nimbos-layout", "i", &number))
+        popup.layout = number;
+    if (g_variant_lookup(hints, "x-nimbos-display-applist", "i", &number))
+        popup.displayApplist = number;
+    if (g_variant_lookup(hints, "resident", "b", &flag))
+        popup.autoRemove = !flag;
+    if (expireMs >= 0)
+        popup.hideTimeoutSeconds = expireMs / 1000;
+    return popup;
 }
 
 void CallLaunch(const std::string &operation, const ExtraData &extraData)
@@ -120,19 +196,31 @@ void CallLaunch(const std::string &operation, const ExtraData &extraData)
 
 class HostDriver final : public PlatformDriver {
 public:
-    // Before any case: the bus, the testbed, the watchdog's socket. The bus comes first, while
-    // the process has a single thread: starting it forks a watcher process.
+    // Before any case: the bus, the platform services on it, the testbed, the watchdog's socket.
+    // The bus comes first, while the process has a single thread: starting it forks a watcher
+    // process. The services start together and stay for every case, reset between them.
     HostDriver()
     {
         setenv("HADRIX_LOG_LEVEL", "debug", 1);
         m_bus.SetUp();
+        m_peerBus = hadrix::test::NewSystemBusConnection();
+        for (const ServiceTemplate &service : kServices) {
+            m_services[service.service] = std::make_unique<TemplatePeer>(
+                m_peerBus.get(), service.templateName, service.busName, service.busName,
+                ObjectPathOf(service.busName), StartingParameters(service.service), service.reads);
+            m_services[service.service]->Spawn();
+        }
+        for (auto &[service, peer] : m_services)
+            peer->ServeWhenReady();
         m_testbed.emplace();
         OpenNotifySocket();
     }
 
     ~HostDriver() override
     {
-        m_peers.Close();
+        m_apps.clear();
+        m_services.clear();
+        m_peerBus.reset();
         m_bus.TearDown();
         unlink(m_notifyPath.c_str());
     }
@@ -144,7 +232,9 @@ public:
         SetRoot(m_root);
         setenv("HADRIX_SETTINGS_DIR", (m_root + "/var/lib/nimbos/settings").c_str(), 1);
         setenv("HADRIX_RUNTIME_SETTINGS_DIR", (m_root + "/run/nimbos/settings").c_str(), 1);
-        m_peers.Reset();
+        m_apps.clear();
+        for (auto &[service, peer] : m_services)
+            peer->Reset();
         DrainNotifySocket();
         m_watchdog = WatchdogView();
         m_model.reset();
@@ -165,10 +255,23 @@ public:
 
     void SetAvailability(Service service, Availability availability) override
     {
-        m_peers.SetAvailability(service, availability);
+        TemplatePeer &peer = *m_services.at(service);
+        switch (availability) {
+        case Availability::Running: peer.Run(); break;
+        case Availability::Missing: peer.Stop(); break;
+        case Availability::Silent: peer.Silence(); break;
+        }
     }
 
-    std::vector<std::string> Requests(Service service) override { return m_peers.Requests(service); }
+    std::vector<std::string> Requests(Service service) override
+    {
+        static const std::set<std::string> requests = {"SetMuteGain", "ApplyUnmuteFadeIn", "GetZones"};
+        std::vector<std::string> asked;
+        for (const auto &[method, arguments] : m_services.at(service)->Calls())
+            if (requests.count(method))
+                asked.push_back(CallText(method, arguments.get()));
+        return asked;
+    }
 
     void StartLogCapture() override
     {
@@ -200,8 +303,32 @@ public:
 
     void RemoveSetting(const std::string &key) override { RunSettingsTool({"unset", key}); }
 
-    void SetApp(const std::string &appId, Availability availability) override { m_peers.SetApp(appId, availability); }
-    std::vector<Launch> Launches() override { return m_peers.Launches(); }
+    // An application is the template app under its app id, started anew each time.
+    void SetApp(const std::string &appId, Availability availability) override
+    {
+        m_apps.erase(appId);
+        if (availability == Availability::Missing)
+            return;
+        GVariantBuilder parameters;
+        g_variant_builder_init(&parameters, G_VARIANT_TYPE_VARDICT);
+        g_variant_builder_add(&parameters, "{sv}", "app_id", g_variant_new_string(appId.c_str()));
+        auto app = std::make_unique<TemplatePeer>(m_peerBus.get(), "app", appId, kAppControlInterface,
+                                                  kAppControlPath, g_variant_builder_end(&parameters));
+        app->Run();
+        if (availability == Availability::Silent)
+            app->Silence();
+        m_apps[appId] = std::move(app);
+    }
+
+    std::vector<Launch> Launches() override
+    {
+        std::vector<Launch> launches;
+        for (auto &[appId, app] : m_apps)
+            for (const auto &[method, arguments] : app->Calls())
+                if (method == "Launch")
+                    launches.push_back(LaunchOf(appId, arguments.get()));
+        return launches;
+    }
 
     // From a thread of its own: the service loop owns its name only once it runs.
     void SendLaunchRequest(const std::string &operation, const ExtraData &extraData) override
@@ -240,51 +367,83 @@ public:
 
     // What a peer does on its own reaches the process only through the subscriptions it made
     // before: each waits until the bus has them.
-    void SetPowerState(int state) override { m_peers.SetPowerState(state); }
+    void SetPowerState(int state) override
+    {
+        Peer(Service::DevicePower).Call("SetState", g_variant_new("(i)", state));
+    }
 
     void ChangePowerState(int state) override
     {
         hadrix::test::SyncSystemBus();
-        m_peers.ChangePowerState(state);
+        Peer(Service::DevicePower).Call("ChangeState", g_variant_new("(i)", state));
     }
 
     void UserPicksRoute(int route) override
     {
         hadrix::test::SyncSystemBus();
-        m_peers.UserPicksRoute(route);
+        Peer(Service::SoundManager).Call("UserSetRoute", g_variant_new("(i)", route));
     }
 
     void UserPicksMultiviewRoute(int route, int zone) override
     {
         hadrix::test::SyncSystemBus();
-        m_peers.UserPicksMultiviewRoute(route, zone);
+        Peer(Service::SoundManager).Call("UserSetMultiviewRoute", g_variant_new("(ii)", route, zone));
     }
 
-    void SetZones(const std::vector<int> &zoneIds) override { m_peers.SetZones(zoneIds); }
+    void SetZones(const std::vector<int> &zoneIds) override
+    {
+        GVariant *zones = g_variant_new_fixed_array(G_VARIANT_TYPE_INT32, zoneIds.data(), zoneIds.size(), sizeof(int));
+        Peer(Service::ResourceCenter).Call("SetZones", g_variant_new_tuple(&zones, 1));
+    }
 
     void PressKey(const std::string &key, const std::string &deviceName) override
     {
         hadrix::test::SyncSystemBus();
-        m_peers.SendKey("KeyDown", key, deviceName);
+        Peer(Service::KeyRouter).Call("PressKey", g_variant_new("(ss)", key.c_str(), deviceName.c_str()));
     }
 
     void ReleaseKey(const std::string &key, const std::string &deviceName) override
     {
         hadrix::test::SyncSystemBus();
-        m_peers.SendKey("KeyUp", key, deviceName);
+        Peer(Service::KeyRouter).Call("ReleaseKey", g_variant_new("(ss)", key.c_str(), deviceName.c_str()));
     }
 
     std::optional<int> SpecialKeyMode(int window, const std::string &key) override
     {
-        return m_peers.SpecialKeyMode(window, key);
+        VariantRef modes = Peer(Service::KeyRouter).Call("GetSpecialKeyModes");
+        g_autoptr(GVariantIter) all = nullptr;
+        if (modes)
+            g_variant_get(modes.get(), "(a(isi))", &all);
+        gint32 grabber = 0, mode = 0;
+        const char *name = nullptr;
+        while (all && g_variant_iter_next(all, "(i&si)", &grabber, &name, &mode))
+            if (grabber == window && name == key)
+                return mode;
+        return std::nullopt;
     }
 
-    std::vector<Popup> OnScreen() override { return m_peers.OnScreen(); }
+    std::vector<Popup> OnScreen() override
+    {
+        std::vector<Popup> popups;
+        VariantRef shown = Peer(Service::Notifications).Call("OnScreenDetails");
+        if (!shown)
+            return popups;
+        g_autoptr(GVariant) list = g_variant_get_child_value(shown.get(), 0);
+        for (gsize i = 0; i < g_variant_n_children(list); ++i) {
+            g_autoptr(GVariant) popup = g_variant_get_child_value(list, i);
+            popups.push_back(PopupOf(popup));
+        }
+        return popups;
+    }
 
     void CloseNotification(unsigned id, int eventType) override
     {
         hadrix::test::SyncSystemBus();
-        m_peers.CloseNotification(id, eventType);
+        // The notification service's own reasons number the events as notification.h does.
+        const char *method = eventType == NOTIFICATION_EVENT_EXPIRED     ? "Expire"
+                             : eventType == NOTIFICATION_EVENT_DISMISSED ? "Dismiss"
+                                                                         : "CloseNotification";
+        Peer(Service::Notifications).Call(method, g_variant_new("(u)", id));
     }
 
 private:
@@ -331,8 +490,12 @@ private:
         }
     }
 
+    TemplatePeer &Peer(Service service) { return *m_services.at(service); }
+
     hadrix::test::PrivateSystemBus m_bus;
-    HostPeers m_peers;
+    hadrix::test::ConnectionRef m_peerBus; // the driver's own connection, to work the peers
+    std::map<Service, std::unique_ptr<TemplatePeer>> m_services;
+    std::map<std::string, std::unique_ptr<TemplatePeer>> m_apps;
     std::optional<HostTestbed> m_testbed;
     UniqueFd m_notify;
     std::string m_notifyPath;

@@ -4,9 +4,10 @@
 Parameters:
   state  the state at start; default 0.
 
-Mock-only method (not the power service's):
+Mock-only methods (not the power service's):
   ChangeState(i current)  the device changes state: stored, and StateChanged(i previous,
                           i current) is emitted.
+  SetState(i current)     the state becomes `current` without a signal, as the state at start.
 '''
 import dbus
 
@@ -29,3 +30,8 @@ def GetState(self):
 def ChangeState(self, current):
     previous, self.state = self.state, current
     self.EmitSignal(MAIN_IFACE, 'StateChanged', 'ii', [previous, current])
+
+
+@dbus.service.method(MAIN_IFACE, in_signature='i', out_signature='')
+def SetState(self, current):
+    self.state = current

@@ -12,6 +12,8 @@ Parameters:
 
 Mock-only methods (not the notification service's):
   OnScreen() -> a(uss)       the notifications on screen: id, summary, body, oldest first.
+  OnScreenDetails() -> a(ussa{sv}i)   the same, with the hints and expire_timeout each was
+                             last posted with.
   Dismiss(u id)              the user closes it: off screen, NotificationClosed(id, 2).
   Expire(u id)               its time is up: off screen, NotificationClosed(id, 1).
 '''
@@ -29,7 +31,8 @@ REASON_EXPIRED, REASON_DISMISSED, REASON_CLOSED = 1, 2, 3
 def load(mock, parameters):
     mock.failing = bool(parameters.get('failing', False))
     mock.next_id = 1
-    mock.on_screen = {}  # id -> (summary, body), in the order they appeared
+    # id -> (summary, body, hints, expire_timeout), in the order they appeared
+    mock.on_screen = {}
 
 
 def _close(mock, notification_id, reason):
@@ -45,7 +48,7 @@ def Notify(self, app_name, replaces_id, app_icon, summary, body, actions, hints,
     if notification_id not in self.on_screen:
         notification_id = self.next_id
         self.next_id += 1
-    self.on_screen[notification_id] = (str(summary), str(body))
+    self.on_screen[notification_id] = (str(summary), str(body), hints, expire_timeout)
     return dbus.UInt32(notification_id)
 
 
@@ -67,7 +70,16 @@ def GetServerInformation(self):
 @dbus.service.method(MAIN_IFACE, in_signature='', out_signature='a(uss)')
 def OnScreen(self):
     return dbus.Array([dbus.Struct((dbus.UInt32(i), summary, body), signature='uss')
-                       for i, (summary, body) in self.on_screen.items()], signature='(uss)')
+                       for i, (summary, body, _, _) in self.on_screen.items()], signature='(uss)')
+
+
+@dbus.service.method(MAIN_IFACE, in_signature='', out_signature='a(ussa{sv}i)')
+def OnScreenDetails(self):
+    return dbus.Array([dbus.Struct((dbus.UInt32(i), summary, body,
+                                    dbus.Dictionary(hints, signature='sv'), expire),
+                                   signature='ussa{sv}i')
+                       for i, (summary, body, hints, expire) in self.on_screen.items()],
+                      signature='(ussa{sv}i)')
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='u', out_signature='')

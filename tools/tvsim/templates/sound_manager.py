@@ -16,6 +16,8 @@ Parameters:
 
 Mock-only methods (not the sound manager's):
   UserSetRoute(i route)   the user picks a route on the TV: stored, SpeakerChanged on a change.
+  UserSetMultiviewRoute(i route, i zone)   the user picks a zone's route: stored,
+                          MultiviewSpeakerChanged on a change.
   SetFailing(b failing)   switches the failing mode.
 '''
 import dbus
@@ -43,9 +45,12 @@ def load(mock, parameters):
         if int(speaker_type) == USB_HEADSET and mock.route == USB_HEADSET:
             _select(mock, TV_SPEAKERS)
 
-    mock.bus_name.get_bus().add_signal_receiver(usb_sound_device_gone, signal_name='SpkDisconnected',
-                                                 dbus_interface=SPEAKER_MANAGER_IFACE,
-                                                 path=SPEAKER_MANAGER_PATH)
+    # Reset (org.freedesktop.DBus.Mock) runs load again: one receiver, not one per load.
+    if getattr(mock, 'speaker_manager_match', None):
+        mock.speaker_manager_match.remove()
+    mock.speaker_manager_match = mock.bus_name.get_bus().add_signal_receiver(
+        usb_sound_device_gone, signal_name='SpkDisconnected', dbus_interface=SPEAKER_MANAGER_IFACE,
+        path=SPEAKER_MANAGER_PATH)
 
 
 def _check(mock):
@@ -91,15 +96,24 @@ def GetMultiviewSpeakerSelection(self, zone):
 @dbus.service.method(MAIN_IFACE, in_signature='ii', out_signature='')
 def SetMultiviewSpeakerSelection(self, route, zone):
     _check(self)
-    changed = self.zone_routes.get(zone, DEFAULT_ROUTE) != route
-    self.zone_routes[zone] = route
+    _select_zone(self, route, zone)
+
+
+def _select_zone(mock, route, zone):
+    changed = mock.zone_routes.get(zone, DEFAULT_ROUTE) != route
+    mock.zone_routes[zone] = route
     if changed:
-        self.EmitSignal(MAIN_IFACE, 'MultiviewSpeakerChanged', 'ii', [route, zone])
+        mock.EmitSignal(MAIN_IFACE, 'MultiviewSpeakerChanged', 'ii', [route, zone])
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='i', out_signature='')
 def UserSetRoute(self, route):
     _select(self, route)
+
+
+@dbus.service.method(MAIN_IFACE, in_signature='ii', out_signature='')
+def UserSetMultiviewRoute(self, route, zone):
+    _select_zone(self, route, zone)
 
 
 @dbus.service.method(MAIN_IFACE, in_signature='b', out_signature='')
