@@ -1,7 +1,5 @@
 #include "MockService.h"
 
-#include <algorithm>
-#include <chrono>
 
 namespace hadrix::test {
 
@@ -26,12 +24,6 @@ void CallBus(GDBusConnection *connection, const char *method, GVariant *argument
 VariantRef Hold(GVariant *value)
 {
     return value ? VariantRef(g_variant_ref_sink(value), g_variant_unref) : nullptr;
-}
-
-std::string MockService::Call::Text() const
-{
-    g_autofree gchar *text = arguments ? g_variant_print(arguments.get(), FALSE) : g_strdup("()");
-    return text;
 }
 
 MockService::MockService(const std::string &busName, const std::string &objectPath, const std::string &xml)
@@ -66,7 +58,6 @@ void MockService::Export(const std::string &xml)
 
 void MockService::Withdraw()
 {
-    ReleaseHeldCalls();
     if (!m_connection)
         return;
     for (guint id : m_registrations)
@@ -78,18 +69,6 @@ void MockService::Withdraw()
     m_connection.reset();
 }
 
-void MockService::ReleaseHeldCalls()
-{
-    std::vector<GDBusMethodInvocation *> held;
-    {
-        std::lock_guard<std::mutex> lock(m_lock);
-        held.swap(m_held);
-    }
-    for (GDBusMethodInvocation *invocation : held)
-        g_dbus_method_invocation_return_dbus_error(invocation, "org.freedesktop.DBus.Error.NoReply",
-                                                   "the mock service gave no answer");
-}
-
 void MockService::OnMethodCall(GDBusConnection *, const gchar *, const gchar *, const gchar *, const gchar *method,
                                GVariant *arguments, GDBusMethodInvocation *invocation, gpointer self)
 {
@@ -99,21 +78,15 @@ void MockService::OnMethodCall(GDBusConnection *, const gchar *, const gchar *, 
 void MockService::Serve(const char *method, GVariant *arguments, GDBusMethodInvocation *invocation)
 {
     Handler handler;
-    bool silent = false;
     {
         std::lock_guard<std::mutex> lock(m_lock);
         m_calls.push_back(Call{method, Hold(arguments)});
         auto found = m_handlers.find(method);
         if (found != m_handlers.end())
             handler = found->second;
-        silent = m_silent;
     }
-    m_called.notify_all();
-    const Reply reply = silent ? Reply::None() : handler ? handler(arguments) : Reply::Value(nullptr);
-    if (!reply.answer) {
-        std::lock_guard<std::mutex> lock(m_lock);
-        m_held.push_back(static_cast<GDBusMethodInvocation *>(g_object_ref(invocation)));
-    } else if (!reply.errorName.empty()) {
+    const Reply reply = handler ? handler(arguments) : Reply::Value(nullptr);
+    if (!reply.errorName.empty()) {
         g_dbus_method_invocation_return_dbus_error(invocation, reply.errorName.c_str(), "refused by the mock service");
     } else {
         g_dbus_method_invocation_return_value(invocation, reply.value.get());
@@ -124,12 +97,6 @@ void MockService::Handle(const std::string &method, Handler handler)
 {
     std::lock_guard<std::mutex> lock(m_lock);
     m_handlers[method] = std::move(handler);
-}
-
-void MockService::SetSilent(bool silent)
-{
-    std::lock_guard<std::mutex> lock(m_lock);
-    m_silent = silent;
 }
 
 std::vector<MockService::Call> MockService::Calls() const
@@ -151,24 +118,6 @@ void MockService::ClearCalls()
 {
     std::lock_guard<std::mutex> lock(m_lock);
     m_calls.clear();
-}
-
-bool MockService::WaitForCalls(const std::string &method, size_t count, int timeoutMs) const
-{
-    std::unique_lock<std::mutex> lock(m_lock);
-    return m_called.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        return static_cast<size_t>(std::count_if(m_calls.begin(), m_calls.end(),
-                                                 [&](const Call &call) { return call.method == method; })) >= count;
-    });
-}
-
-void MockService::Emit(const std::string &interface, const std::string &signal, GVariant *arguments)
-{
-    VariantRef held = Hold(arguments);
-    g_autoptr(GError) error = nullptr;
-    EXPECT_TRUE(g_dbus_connection_emit_signal(m_connection.get(), nullptr, m_objectPath.c_str(), interface.c_str(),
-                                              signal.c_str(), held.get(), &error))
-        << signal << " not sent: " << error->message;
 }
 
 } // namespace hadrix::test
