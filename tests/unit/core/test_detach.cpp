@@ -21,6 +21,7 @@ TEST(Detach, TheWaitingHeadsetTakesThePlaceTheUnpluggedOneFreed)
     PlugOneAfterAnother(tv, {kHeadset, kHeadset2, kHeadset3}); // 1 and 2 in use: Attach.TwoHeadsets…
     tv.Unplug(kHeadset);
     EXPECT_EQ(tv.StoppedCards(), Cards{1});
+    ASSERT_FALSE(tv.StartedCards().empty());
     EXPECT_EQ(tv.StartedCards().back(), 3);
     EXPECT_EQ(CardsInUse(tv), (Cards{2, 3}));
     EXPECT_EQ(Decided(kHeadset3), "hotplug-removed took-sound freed-place (Evolve 20)");

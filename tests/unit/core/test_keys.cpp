@@ -253,6 +253,7 @@ TEST_F(VolumeKeys, WithSpeechOnEveryPressBeepsAndTheLevelIsSpokenOnceOnRelease)
     tv.Settle();
     Press(kUp);
     Release(kUp);
+    ASSERT_FALSE(Commands().empty());
     EXPECT_EQ(Commands().back(), Command("extvolume_updown", "up,48")) << "the setting is followed";
 }
 

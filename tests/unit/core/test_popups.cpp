@@ -118,6 +118,7 @@ TEST(Popups, TheNextPopupTakesThePreviousOneDown)
     EXPECT_FALSE(fake::CloseNotification(first, NOTIFICATION_EVENT_CLOSED));
     EXPECT_TRUE(fake::CloseNotification(second, NOTIFICATION_EVENT_DISMISSED));
     fake::RunPending();
+    ASSERT_FALSE(ServiceHarness::LoggedMessages().empty());
     EXPECT_EQ(ServiceHarness::LoggedMessages().back(), "event_type: 2");
 }
 

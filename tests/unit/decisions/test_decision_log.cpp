@@ -110,6 +110,7 @@ TEST_F(DecisionLogTest, AnUnplugMarksTheVerdictAndADecisionItCausesForAnotherDoe
     EXPECT_TRUE(verdicts[1].plugged);
 
     Log().Record(About(a, decision::kHotplugAdded, decision::kUsbAudioMode, decision::kWaits));
+    ASSERT_FALSE(Log().Verdicts().empty());
     EXPECT_TRUE(Log().Verdicts().back().plugged);
 }
 
@@ -142,6 +143,7 @@ TEST_F(DecisionLogTest, AConsequenceIsKeptOnlyWhenItChangesTheOutcome)
     Log().Record(About(headset, decision::kRouteChange, decision::kRouteNotUsb, decision::kReleased));
     Log().RecordIfOutcomeChanges(About(headset, decision::kRouteChange, decision::kRouteUsb, decision::kTookSound));
     ASSERT_EQ(Log().History().size(), 3u);
+    ASSERT_FALSE(Log().Verdicts().empty());
     EXPECT_EQ(Log().Verdicts().back().decision.rule, decision::kRouteUsb);
 }
 

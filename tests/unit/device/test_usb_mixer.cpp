@@ -228,6 +228,7 @@ TEST_F(UsbMixer, ControlsSetWritesEveryChannelOrRefuses)
     EXPECT_EQ(card.Writes().size(), 1u) << "only the first one reached the card";
 
     EXPECT_FALSE(CUsbMixer::ControlsSet("hw:1", "numid=3", 10));
+    ASSERT_EQ(card.Writes().size(), 2u);
     EXPECT_EQ(card.Writes().back().error, EPERM);
 }
 
