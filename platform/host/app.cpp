@@ -59,6 +59,13 @@ void RequestExit()
     RequestExitLocked();
 }
 
+// An exit asked for during a create that then failed ends no later loop.
+void ForgetExitRequest()
+{
+    std::lock_guard<std::mutex> lock(loopMutex);
+    exitRequested = false;
+}
+
 // GDBus would raise SIGTERM, which reads as a terminate request; the service instead ends with a
 // failure, so that its service manager starts it again on the new bus. Any thread.
 void OnBusClosed(GDBusConnection *, gboolean remotePeerVanished, GError *error, gpointer)
@@ -285,6 +292,7 @@ extern "C" int service_app_main(int argc, char **argv, service_app_lifecycle_cal
     Service service{callback, user_data};
     if (callback->create && !callback->create(user_data)) {
         HOST_LOG(DLOG_ERROR, "create callback failed: the service loop does not run");
+        ForgetExitRequest();
         return -ECANCELED;
     }
     const bool busLost = RunLoop(&service);

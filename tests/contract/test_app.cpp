@@ -135,7 +135,7 @@ TEST_F(AppContract, AMissingOrSilentTargetFailsTheLaunchAndTheReplySaysSo)
 
 // What one run of the service loop saw.
 struct LoopRun {
-    enum End { ExitFromAnotherThread, ExitInCreate, SigtermInCreate, CreateFails } end = ExitFromAnotherThread;
+    enum End { ExitFromAnotherThread, ExitInCreate, SigtermInCreate, ExitAndCreateFails } end = ExitFromAnotherThread;
     std::vector<std::string> steps;
     std::vector<Launch> requests;
     std::thread::id requestThread;
@@ -146,13 +146,13 @@ bool Create(void *data)
 {
     auto *run = static_cast<LoopRun *>(data);
     run->steps.push_back("create");
-    if (run->end == LoopRun::ExitInCreate)
+    if (run->end == LoopRun::ExitInCreate || run->end == LoopRun::ExitAndCreateFails)
         service_app_exit();
     if (run->end == LoopRun::SigtermInCreate)
         raise(SIGTERM);
     if (run->end == LoopRun::ExitFromAnotherThread)
         Driver().SendLaunchRequest("debug", {{"cset", "1"}, {"key", "value"}});
-    return run->end != LoopRun::CreateFails;
+    return run->end != LoopRun::ExitAndCreateFails;
 }
 
 void Serve(app_control_h request, void *data)
@@ -201,14 +201,14 @@ TEST_F(AppContract, ExitOrSigtermDuringCreateEndsTheLoopAtOnceAndAFailedCreateSk
         EXPECT_EQ(RunService(run), 0);
         EXPECT_EQ(run.steps, (std::vector<std::string>{"create", "terminate"})) << end;
     }
+    LoopRun failing;
+    failing.end = LoopRun::ExitAndCreateFails;
+    EXPECT_LT(RunService(failing), 0);
+    EXPECT_EQ(failing.steps, std::vector<std::string>{"create"});
     LoopRun next;
     EXPECT_EQ(RunService(next), 0);
     EXPECT_EQ(next.steps, (std::vector<std::string>{"create", "app_control", "terminate"}))
-        << "an ended loop's exit request ends no later loop";
-    LoopRun failing;
-    failing.end = LoopRun::CreateFails;
-    EXPECT_LT(RunService(failing), 0);
-    EXPECT_EQ(failing.steps, std::vector<std::string>{"create"});
+        << "the exit requests of an ended loop and of a failed create end no later loop";
     EXPECT_LT(service_app_main(0, nullptr, nullptr, nullptr), 0);
 }
 
