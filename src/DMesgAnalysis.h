@@ -62,6 +62,9 @@ public:
     uint32_t GetUsbDetectedTimeByDevPath(const std::string &devPath);
     void RemoveDevice(int vendorId, int productId);
 
+    // The vendor/product forms read the "New USB device found" times, which neither parse
+    // collects (m_ParseUsbDeviceDetectedByDriverer is not run): to them every device is unknown.
+    // The service judges by device path.
     bool NeedWaitDetect(int vendorId, int productId, bool &found);
     bool NeedWaitDetect(const std::string &devPath, bool &found);
     bool NeedChangeSpeaker(int vendorId, int productId);
