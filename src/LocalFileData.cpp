@@ -42,6 +42,26 @@ bool WriteAll(int fd, const char *data, size_t size)
     return true;
 }
 
+enum class ReadEnd { Ok, Failed, TooLarge };
+
+// Reads fd to its end onto text, not beyond maxBytes in all; errno tells why it Failed.
+ReadEnd ReadAll(int fd, size_t maxBytes, std::string &text)
+{
+    char buffer[16 * 1024];
+    for (;;) {
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return ReadEnd::Failed;
+        if (n == 0)
+            return ReadEnd::Ok;
+        if (text.size() + static_cast<size_t>(n) > maxBytes)
+            return ReadEnd::TooLarge;
+        text.append(buffer, static_cast<size_t>(n));
+    }
+}
+
 // What is at a path, for a log line.
 const char *KindOf(mode_t mode)
 {
@@ -185,23 +205,17 @@ CLocalFileData::ReadOutcome CLocalFileData::ReadResolvedFile(const std::string &
         fault = "it is not a regular file";
         return ReadOutcome::Refused;
     }
-    char buffer[16 * 1024];
-    for (;;) {
-        const ssize_t n = read(fd.get(), buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0) {
-            fault = std::string("it cannot be read: ") + strerror(errno);
-            return ReadOutcome::Refused;
-        }
-        if (n == 0)
-            return ReadOutcome::Ok;
-        if (text.size() + static_cast<size_t>(n) > maxBytes) {
-            fault = "it is larger than " + std::to_string(maxBytes) + " bytes";
-            return ReadOutcome::TooLarge;
-        }
-        text.append(buffer, static_cast<size_t>(n));
+    switch (ReadAll(fd.get(), maxBytes, text)) {
+    case ReadEnd::Ok:
+        return ReadOutcome::Ok;
+    case ReadEnd::Failed:
+        fault = std::string("it cannot be read: ") + strerror(errno);
+        return ReadOutcome::Refused;
+    case ReadEnd::TooLarge:
+        fault = "it is larger than " + std::to_string(maxBytes) + " bytes";
+        return ReadOutcome::TooLarge;
     }
+    return ReadOutcome::Refused;
 }
 
 void CLocalFileData::ReadFromFile(const std::string &path, std::string &content)
@@ -212,17 +226,9 @@ void CLocalFileData::ReadFromFile(const std::string &path, std::string &content)
         LOGE("open file error path:%s", path.c_str());
         return;
     }
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(fd.get(), buffer, sizeof buffer)) != 0) {
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            LOGE("read file error path:%s", path.c_str());
-            content.clear();
-            return;
-        }
-        content.append(buffer, static_cast<size_t>(n));
+    if (ReadAll(fd.get(), content.max_size(), content) != ReadEnd::Ok) {
+        LOGE("read file error path:%s", path.c_str());
+        content.clear();
     }
 }
 
