@@ -189,7 +189,7 @@ void CallLaunch(const std::string &operation, const ExtraData &extraData)
         g_variant_builder_add(&extra, "(ss)", key.c_str(), value.c_str());
     g_autoptr(GError) error = nullptr;
     g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
-        bus.get(), kServiceLoopName, "/org/nimbos/AppControl", "org.nimbos.AppControl", "Launch",
+        bus.get(), kServiceLoopName, kAppControlPath, kAppControlInterface, "Launch",
         g_variant_new("(sa(ss))", operation.c_str(), &extra), nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
     EXPECT_TRUE(reply) << "Launch failed: " << error->message;
 }

@@ -39,7 +39,7 @@ void DieWithTheBinary(gpointer)
 
 bool WaitForOwner(GDBusConnection *bus, const char *name, bool owned)
 {
-    // The bus tells no one when a name gets an owner: look every 10 ms.
+    // Looked at every 10 ms: no main loop runs on this thread to hear NameOwnerChanged.
     const gint64 end = g_get_monotonic_time() + 5 * G_USEC_PER_SEC;
     while (HasOwner(bus, name) != owned) {
         if (g_get_monotonic_time() >= end)
